@@ -1,0 +1,25 @@
+/* Integer and truth-value types shared by the core, this library and driver modules. */
+#ifndef TAVIK_TYPES_H
+#define TAVIK_TYPES_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef uint8_t uns8;
+typedef uint16_t uns16;
+typedef uint32_t uns32;
+typedef int16_t int16;
+
+/* 16-bit truth value of internal operations (driver loading, a driver's init). */
+typedef uint16_t rs_bool;
+#define QX_OK ((rs_bool)1)
+#define QX_FAIL ((rs_bool)0)
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* TAVIK_TYPES_H */

@@ -1,0 +1,91 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdarg>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "log/LogEntry.h"
+
+namespace kt {
+
+class ILogListener;
+
+// Asynchronous log: callers queue entries, one lazily started worker formats
+// and delivers them to the registered listeners.
+class Log {
+public:
+    static constexpr size_t kOverloadThreshold = 50000;
+
+    class LockGuard {
+    public:
+        explicit LockGuard(std::mutex& mutex);
+        ~LockGuard();
+        LockGuard(const LockGuard&) = delete;
+        LockGuard& operator=(const LockGuard&) = delete;
+
+    private:
+        std::mutex& m_mutex;
+        bool m_locked;
+    };
+
+    class LibInitHelper {
+    public:
+        enum Type : int32_t { PreInit = 0, PostInit = 1 };
+        enum Mode : int32_t { Immediate = 0, Notified = 1 };
+        LibInitHelper(Type type, Mode mode);
+        ~LibInitHelper();
+        static void NotifyLibProcessAttachDone();
+        static void NotifyLibProcessDetachDone();
+
+        Type m_type;
+        Mode m_mode;
+    };
+
+    explicit Log(LogEntry::Level maxLevel);
+    ~Log();
+    Log(const Log&) = delete;
+    Log& operator=(const Log&) = delete;
+
+    bool Start();
+    void Stop();
+    bool WillBeLogged(LogEntry::Level level);
+    void AddEntry(const char* category, LogEntry::Level level, std::string message);
+    void AddEntry(const char* category, LogEntry::Level level, const char* format, va_list args);
+    void AddEntry(const char* category, LogEntry::Level level, const char* format, ...)
+        __attribute__((format(printf, 4, 5)));
+    bool AddListener(const std::weak_ptr<ILogListener>& listener);
+    bool RemoveListener(const std::weak_ptr<ILogListener>& listener);
+    uint64_t Flush(uint64_t timeLimitMs);
+
+    static uint16_t& GetThreadDepth();
+    static void IncreaseThreadDepth();
+    static bool DecreaseThreadDepth();
+
+private:
+    void NotifyListeners(const LogEntry& entry);
+    void ThreadFunc();
+
+    LogEntry::Level m_level;
+    std::vector<std::weak_ptr<ILogListener>> m_listeners;
+    std::mutex m_listenersMutex;
+    std::atomic<bool> m_hasListeners{false};
+    std::deque<std::unique_ptr<LogEntry>> m_queue;
+    std::mutex m_queueMutex;
+    std::condition_variable m_queueCond;
+    std::condition_variable m_drainedCond;
+    bool m_dropping = false;
+    uint64_t m_droppedCount = 0;
+    std::thread* m_thread = nullptr;
+    bool m_stop = false;
+
+    static std::atomic<bool> m_inLibLoadUnload;
+};
+
+} // namespace kt
