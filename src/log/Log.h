@@ -71,6 +71,8 @@ public:
 private:
     void NotifyListeners(const LogEntry& entry);
     void ThreadFunc();
+    void QueueOverloadReport(const TimePoint& overloadStart);
+    bool IsDrained() const { return m_queue.empty() && !m_delivering; }
 
     LogEntry::Level m_level;
     std::vector<std::weak_ptr<ILogListener>> m_listeners;
@@ -82,8 +84,13 @@ private:
     std::condition_variable m_drainedCond;
     bool m_dropping = false;
     uint64_t m_droppedCount = 0;
-    std::thread* m_thread = nullptr;
+    // Read without the queue mutex by the level test on every logging call, so it
+    // is atomic; created and cleared under m_queueMutex.
+    std::atomic<std::thread*> m_thread{nullptr};
     bool m_stop = false;
+    // True while the worker delivers an entry it has taken off the queue: a flush
+    // must not report an empty queue while the last line is still being written.
+    bool m_delivering = false;
 
     static std::atomic<bool> m_inLibLoadUnload;
 };

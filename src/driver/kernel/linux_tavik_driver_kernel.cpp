@@ -1,0 +1,361 @@
+// The operating-system half of the kernel-mode driver: the /dev scan, the system
+// call wrappers and the notification thread. Every call goes to the plain C
+// library symbol.
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string>
+#include <system_error>
+#include <thread>
+
+#include "ddi/DdiTrace.h"
+#include "driver/kernel/tavik_driver_kernel.h"
+#include "driver/tavik_driver_device_private.h"
+#include "driver/tavik_driver_internal.h"
+#include "error/LastError.h"
+#include "error/ReportFailure.h"
+#include "error/tavik_error_strings.h"
+#include "log/LogUtils.h"
+#include "names/EnumUtils.h"
+
+namespace {
+
+// '#' stands for a run of decimal digits: the name must start with what precedes
+// it, end with what follows it, and hold only digits in between.
+int MatchNodeName(const char* name, const char* pattern) {
+    const size_t nameLength = std::strlen(name);
+    const size_t patternLength = std::strlen(pattern);
+    if (nameLength < patternLength) return 0;
+    const char* hash = std::strchr(pattern, '#');
+    if (!hash) return 0;
+    const size_t prefixLength = static_cast<size_t>(hash - pattern);
+    const char* suffix = hash + 1;
+    const size_t suffixLength = std::strlen(suffix);
+    if (std::strncmp(name, pattern, prefixLength) != 0) return 0;
+    if (std::strcmp(name + nameLength - suffixLength, suffix) != 0) return 0;
+    const char* middle = name + prefixLength;
+    const size_t middleLength = nameLength - suffixLength - prefixLength;
+    return middleLength > 0 && std::strspn(middle, "0123456789") >= middleLength ? 1 : 0;
+}
+
+using NodeFilter = int (*)(const struct dirent*);
+
+NodeFilter FilterOf(E_TAVIK_DRIVER_TYPE type) {
+    switch (type) {
+    case TAVIK_DRIVER_TYPE_PCI: return _kernel_scandir_filter_PCI;
+    case TAVIK_DRIVER_TYPE_PCIE: return _kernel_scandir_filter_PCIE;
+    case TAVIK_DRIVER_TYPE_USB: return _kernel_scandir_filter_USB;
+    case TAVIK_DRIVER_TYPE_1394: return _kernel_scandir_filter_1394;
+    case TAVIK_DRIVER_TYPE_VIRTUAL: return _kernel_scandir_filter_SW;
+    }
+    return nullptr;
+}
+
+void SetErrnoDetails(int error) {
+    kt::LastError::SetDetails("Error %d (%s)", error, kt::LogUtils::GetErrorString(error).c_str());
+}
+
+} // namespace
+
+int _kernel_scandir_filter_PCI(const struct dirent* entry) {
+    return MatchNodeName(entry->d_name, "tavikPCI_#");
+}
+int _kernel_scandir_filter_PCIE(const struct dirent* entry) {
+    return MatchNodeName(entry->d_name, "tavikPCIE_#");
+}
+int _kernel_scandir_filter_USB(const struct dirent* entry) {
+    return MatchNodeName(entry->d_name, "tavikUSB_#");
+}
+int _kernel_scandir_filter_1394(const struct dirent* entry) {
+    return MatchNodeName(entry->d_name, "tavik1394_#");
+}
+int _kernel_scandir_filter_SW(const struct dirent* entry) {
+    return MatchNodeName(entry->d_name, "tavikSW_#");
+}
+
+rs_bool tavik_driver_kernel_enumerate_devices(tavik_driver* driver, E_TAVIK_DRIVER_TYPE type) {
+    auto fn = kt::LogDdi::CreateLogFn(
+        "rs_bool tavik_driver_kernel_enumerate_devices(tavik_driver*, E_TAVIK_DRIVER_TYPE)");
+    DDI_TRACE_ENTER(fn, "driver=0x%p, type=%u(%s)", static_cast<void*>(driver),
+                    static_cast<uns32>(type), kt::EnumUtils::GetName<_KZ_DRIVER_TYPE>(type));
+    if (!driver) {
+        DDI_TRACE_RESULT(fn, "%s", "QX_FAIL");
+        return QX_FAIL;
+    }
+    driver->device_list = nullptr;
+    DDI_TRACE_MSG(fn, Info, "Searching for kernel devices with %s type in '%s' ...",
+                  kt::EnumUtils::GetName<_KZ_DRIVER_TYPE>(type), kKernelDevFolder);
+
+    const NodeFilter filter = FilterOf(type);
+    if (!filter) {
+        DDI_TRACE_MSG(fn, Error, "Unknown driver type (%u)", static_cast<uns32>(type));
+        DDI_TRACE_RESULT(fn, "%s", "QX_FAIL");
+        return QX_FAIL;
+    }
+
+    struct dirent** entries = nullptr;
+    const int count = scandir(kKernelDevFolder, &entries, filter, alphasort);
+    if (count < 0) {
+        const int error = errno;
+        // An unreadable /dev is not a failure of the driver: it just has no devices.
+        DDI_TRACE_MSG(fn, Error, "Cannot scan folder '%s', errno %d (%s)", kKernelDevFolder, error,
+                      kt::LogUtils::GetErrorString(error).c_str());
+    } else {
+        uns16 camCount = 0;
+        for (int i = 0; i < count; ++i) {
+            char path[256];
+            tavik_driver_join_path(path, sizeof(path), kKernelDevFolder, entries[i]->d_name);
+            if (access(path, F_OK) == 0) {
+                // The index moves on also when the add failed (its slot stays null).
+                tavik_driver_kernel_add_new_device(driver, camCount, entries[i]->d_name, path);
+                ++camCount;
+            } else {
+                const int error = errno;
+                DDI_TRACE_MSG(fn, Warning, "Cannot access file '%s', error %d (%s)",
+                              entries[i]->d_name, error,
+                              kt::LogUtils::GetErrorString(error).c_str());
+            }
+            std::free(entries[i]);
+        }
+        std::free(entries);
+    }
+
+    DDI_TRACE_MSG(fn, Info, "Done with kernel devices");
+    DDI_TRACE_RESULT(fn, "%s", "QX_OK");
+    return QX_OK;
+}
+
+int tavik_driver_kernel_os_open(const char* path) {
+    const int fd = open(path, O_RDWR);
+    if (fd == -1) SetErrnoDetails(errno);
+    return fd;
+}
+
+rs_bool tavik_driver_kernel_os_close(int fd) {
+    if (close(fd) == 0) return QX_OK;
+    SetErrnoDetails(errno);
+    return QX_FAIL;
+}
+
+rs_bool tavik_driver_kernel_os_read(int fd, uns8* buf, uns16 size, uns16* done) {
+    const ssize_t result = read(fd, buf, size);
+    if (result == -1) {
+        SetErrnoDetails(errno);
+        return QX_FAIL;
+    }
+    if (done) *done = static_cast<uns16>(result);
+    return QX_OK;
+}
+
+rs_bool tavik_driver_kernel_os_write(int fd, const uns8* buf, uns16 size, uns16* done) {
+    const ssize_t result = write(fd, buf, size);
+    if (result == -1) {
+        SetErrnoDetails(errno);
+        return QX_FAIL;
+    }
+    if (done) *done = static_cast<uns16>(result);
+    return QX_OK;
+}
+
+rs_bool tavik_driver_kernel_os_ioctl(int fd, uns32 request, void* arg) {
+    if (ioctl(fd, static_cast<unsigned long>(request), arg) != -1) return QX_OK;
+    SetErrnoDetails(errno);
+    return QX_FAIL;
+}
+
+// ---------------------------------------------------------------------------
+// Notification thread.
+
+namespace {
+
+constexpr short kPollFailure = POLLERR | POLLHUP | POLLNVAL;
+
+void NotifThreadLoop(kt::LogFn* fn, tavik_driver_device* device,
+                     tavik_dcb_invoke_callback_fn callback) {
+    tavik_driver_device_private* priv = device->private_;
+    tavik_notif_list* list = priv->notif_buffer;
+    const char* name = device->name;
+
+    struct pollfd fds[2];
+    fds[0].fd = priv->handle;
+    fds[0].events = POLLPRI;
+    fds[1].fd = priv->abort_pipe_read;
+    fds[1].events = POLLIN;
+
+    while (!priv->notif_stop.load(std::memory_order_seq_cst)) {
+        fds[0].revents = 0;
+        fds[1].revents = 0;
+        if (poll(fds, 2, -1) == -1) {
+            const int error = errno;
+            if (error == EAGAIN) continue;
+            // EINTR lands here too: a signal storm must not turn into a busy loop.
+            DDI_TRACE_MSG(fn, Error, ">>> '%s': Poll error %d (%s)", name, error,
+                          kt::LogUtils::GetErrorString(error).c_str());
+            usleep(10000);
+            continue;
+        }
+        // Stop closes the pipe; data on it alone does not end the loop.
+        if (fds[1].revents & kPollFailure) break;
+        if (fds[0].revents & kPollFailure) {
+            DDI_TRACE_MSG(fn, Error, ">>> '%s': Device error", name);
+            continue;
+        }
+        if (!(fds[0].revents & POLLPRI)) continue;
+
+        list->count = 0;
+        if (ioctl(fds[0].fd, static_cast<unsigned long>(TAVIK_IOC_GET_NOTIFICATIONS), list) == -1) {
+            const int error = errno;
+            DDI_TRACE_MSG(fn, Error, ">>> '%s': Can't get notification list, error %d (%s)", name,
+                          error, kt::LogUtils::GetErrorString(error).c_str());
+            continue;
+        }
+        // The count is re-read on every pass, as a callback may look at the list;
+        // the list never holds more than its capacity, whatever a driver reports.
+        for (uns32 index = 0; index < list->count && index < TAVIK_NOTIF_LIST_CAPACITY; ++index) {
+            tavik_notif* notif = &list->notifications[index];
+            // A notification this library does not know means the device is gone.
+            if ((notif->type & TAVIK_NOTIF_KNOWN_MASK) == 0) notif->type = NOTIFICATION_DEVICE_REMOVAL;
+            const _KZ_NOTIF type = static_cast<_KZ_NOTIF>(notif->type);
+            DDI_TRACE_MSG(fn, Debug, ">>> '%s': %s", name, kt::EnumUtils::GetName<_KZ_NOTIF>(type));
+            const int16 result = callback(device, notif);
+            if (result != KZ_ERR_NONE) {
+                DDI_TRACE_MSG(fn, Error,
+                              ">>> '%s': Invoking callback function for %s(%u) failed with error "
+                              "%s(%d)",
+                              name, kt::EnumUtils::GetName<_KZ_NOTIF>(type),
+                              static_cast<uns32>(type),
+                              GetErrCodeName(static_cast<uint16_t>(result)),
+                              static_cast<int>(result));
+            }
+        }
+    }
+}
+
+void _kernel_notif_thread(tavik_driver_device* device, tavik_dcb_invoke_callback_fn callback) {
+    try {
+        auto fn = kt::LogDdi::CreateLogFn(
+            "void _kernel_notif_thread(tavik_driver_device*, tavik_dcb_invoke_callback_fn)");
+        DDI_TRACE_ENTER(fn, "device=0x%p", static_cast<void*>(device));
+        DDI_TRACE_MSG(fn, Debug, ">>> '%s': Notification thread started", device->name);
+        NotifThreadLoop(fn.get(), device, callback);
+        DDI_TRACE_MSG(fn, Debug, ">>> '%s': Notification thread stopped", device->name);
+    } catch (...) {
+        // Only logging can throw here (out of memory); the thread must not take
+        // the process down for it. Stop still finds a finished thread to join.
+    }
+}
+
+void ReleaseNotifResources(tavik_driver_device_private* priv) {
+    if (priv->abort_pipe_read != -1) close(priv->abort_pipe_read);
+    if (priv->abort_pipe_write != -1) close(priv->abort_pipe_write);
+    priv->abort_pipe_read = -1;
+    priv->abort_pipe_write = -1;
+    std::free(priv->notif_buffer);
+    priv->notif_buffer = nullptr;
+}
+
+int16 DevStartNotifThread(tavik_driver_device* device, tavik_dcb_invoke_callback_fn callback) {
+    auto fn = kt::LogDdi::CreateLogFn(
+        "int16 tavik_driver_kernel_dev_start_notif_thread(tavik_driver_device*, "
+        "tavik_dcb_invoke_callback_fn)");
+    DDI_TRACE_ENTER(fn, "device=0x%p", static_cast<void*>(device));
+    tavik_driver_device_private* priv = device ? device->private_ : nullptr;
+    if (!priv)
+        return kt::ReportFailure(fn.get(), KZ_ERR_STATE_INVALID, "%s", "Device structure is null");
+    DDI_TRACE_MSG(fn, Debug, "Called start_notif_thread for device '%s'", device->name);
+    if (!callback)
+        return kt::ReportFailure(fn.get(), KZ_ERR_NULL_POINTER, "%s",
+                                 "Callback function is null");
+
+    tavik_notif_list* list = static_cast<tavik_notif_list*>(std::calloc(1, sizeof(tavik_notif_list)));
+    if (!list)
+        return kt::ReportFailure(fn.get(), KZ_ERR_INSUFFICIENT_RESOURCES,
+                                 "Cannot allocate structure for IOCTL notifications");
+    priv->notif_buffer = list;
+    list->capacity = TAVIK_NOTIF_LIST_CAPACITY;
+    list->notifications[0].size = sizeof(tavik_notif);
+    list->notifications[0].version = 1;
+    priv->notif_stop.store(false, std::memory_order_seq_cst);
+
+    int pipeEnds[2];
+    if (pipe(pipeEnds) == -1) {
+        const int error = errno;
+        ReleaseNotifResources(priv);
+        return kt::ReportFailure(fn.get(), KZ_ERR_INSUFFICIENT_RESOURCES,
+                                 "Cannot create abort pipe for notification thread, error %d (%s)",
+                                 error, kt::LogUtils::GetErrorString(error).c_str());
+    }
+    priv->abort_pipe_read = pipeEnds[0];
+    priv->abort_pipe_write = pipeEnds[1];
+
+    int error = 0;
+    try {
+        // Replacing a joinable thread ends the process: starting twice is a
+        // caller error the library refuses to paper over.
+        priv->notif_thread = std::thread(_kernel_notif_thread, device, callback);
+    } catch (const std::system_error& e) {
+        error = e.code().value();
+    } catch (const std::bad_alloc&) {
+        error = ENOMEM;
+    }
+    if (error != 0) {
+        ReleaseNotifResources(priv);
+        return kt::ReportFailure(fn.get(), KZ_ERR_INSUFFICIENT_RESOURCES,
+                                 "Cannot start notification thread, error %d (%s)", error,
+                                 kt::LogUtils::GetErrorString(error).c_str());
+    }
+
+    DDI_TRACE_RESULT(fn, "%s", GetErrCodeName(KZ_ERR_NONE));
+    return KZ_ERR_NONE;
+}
+
+int16 DevStopNotifThread(tavik_driver_device* device) {
+    auto fn = kt::LogDdi::CreateLogFn(
+        "int16 tavik_driver_kernel_dev_stop_notif_thread(tavik_driver_device*)");
+    DDI_TRACE_ENTER(fn, "device=0x%p", static_cast<void*>(device));
+    tavik_driver_device_private* priv = device ? device->private_ : nullptr;
+    if (!priv)
+        return kt::ReportFailure(fn.get(), KZ_ERR_STATE_INVALID, "%s", "Device structure is null");
+    DDI_TRACE_MSG(fn, Debug, "Called stop_notif_thread for device '%s'", device->name);
+
+    priv->notif_stop.store(true, std::memory_order_seq_cst);
+    // Closing the pipe is the wake-up: the thread's poll then reports it hung up
+    // or invalid. Nothing is ever written to it.
+    if (priv->abort_pipe_read != -1) close(priv->abort_pipe_read);
+    if (priv->abort_pipe_write != -1) close(priv->abort_pipe_write);
+    if (priv->notif_thread.joinable()) priv->notif_thread.join();
+    priv->abort_pipe_read = -1;
+    priv->abort_pipe_write = -1;
+    std::free(priv->notif_buffer);
+    priv->notif_buffer = nullptr;
+
+    DDI_TRACE_RESULT(fn, "%s", GetErrCodeName(KZ_ERR_NONE));
+    return KZ_ERR_NONE;
+}
+
+} // namespace
+
+int16 tavik_driver_kernel_dev_start_notif_thread(tavik_driver_device* device,
+                                                 tavik_dcb_invoke_callback_fn callback) {
+    try {
+        return DevStartNotifThread(device, callback);
+    } catch (...) {
+        return kt::ReportException();
+    }
+}
+
+int16 tavik_driver_kernel_dev_stop_notif_thread(tavik_driver_device* device) {
+    try {
+        return DevStopNotifThread(device);
+    } catch (...) {
+        return kt::ReportException();
+    }
+}

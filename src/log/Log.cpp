@@ -1,0 +1,362 @@
+#include "log/Log.h"
+
+#include <chrono>
+#include <exception>
+#include <new>
+#include <system_error>
+#include <utility>
+
+#include "log/ILogListener.h"
+#include "log/LogUtils.h"
+
+namespace kt {
+
+std::atomic<bool> Log::m_inLibLoadUnload{false};
+
+namespace {
+
+thread_local uint16_t t_depth = 0;
+
+TimePoint Now() {
+    return std::chrono::time_point_cast<std::chrono::nanoseconds>(
+        std::chrono::system_clock::now());
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// LockGuard
+
+Log::LockGuard::LockGuard(std::mutex& mutex) : m_mutex(mutex), m_locked(false) {
+    // std::mutex::lock reports a failing pthread_mutex_lock as std::system_error
+    // carrying the error number.
+    m_mutex.lock();
+    m_locked = true;
+}
+
+Log::LockGuard::~LockGuard() {
+    if (m_locked) {
+        m_mutex.unlock();
+    }
+}
+
+// ---------------------------------------------------------------------------
+// LibInitHelper
+
+Log::LibInitHelper::LibInitHelper(Type type, Mode mode) : m_type(type), m_mode(mode) {
+    if (m_type == PreInit) {
+        m_inLibLoadUnload.store(true);
+    } else if (m_type == PostInit && m_mode == Immediate) {
+        m_inLibLoadUnload.store(false);
+    }
+}
+
+Log::LibInitHelper::~LibInitHelper() {
+    if (m_type == PreInit || m_type == PostInit) {
+        m_inLibLoadUnload.store(true);
+    }
+}
+
+void Log::LibInitHelper::NotifyLibProcessAttachDone() {
+    m_inLibLoadUnload.store(false);
+}
+
+void Log::LibInitHelper::NotifyLibProcessDetachDone() {
+    m_inLibLoadUnload.store(true);
+}
+
+// ---------------------------------------------------------------------------
+// Life cycle
+
+Log::Log(LogEntry::Level maxLevel) : m_level(maxLevel) {}
+
+Log::~Log() {
+    try {
+        Stop();
+    } catch (...) {
+        // A worker that cannot be stopped would run on a destroyed object.
+        std::terminate();
+    }
+}
+
+bool Log::Start() {
+    LockGuard lock(m_queueMutex);
+    if (m_thread.load() != nullptr || m_stop) {
+        return false;
+    }
+    std::thread* thread = new (std::nothrow) std::thread();
+    if (thread == nullptr) {
+        return false;
+    }
+    try {
+        // The worker's first step takes m_queueMutex, so it waits until the
+        // thread object is published below.
+        *thread = std::thread(&Log::ThreadFunc, this);
+    } catch (...) {
+        delete thread;
+        throw;
+    }
+    m_thread.store(thread, std::memory_order_release);
+    return true;
+}
+
+void Log::Stop() {
+    std::thread* thread = nullptr;
+    {
+        LockGuard lock(m_queueMutex);
+        thread = m_thread.load();
+        if (thread == nullptr) {
+            return;
+        }
+        m_stop = true;
+    }
+    m_queueCond.notify_one();
+    if (thread->joinable()) {
+        thread->join();
+    }
+    delete thread;
+    m_thread.store(nullptr);
+}
+
+// ---------------------------------------------------------------------------
+// Producers
+
+bool Log::WillBeLogged(LogEntry::Level level) {
+    if (!m_hasListeners.load()) {
+        return false;
+    }
+    const bool answer = level <= m_level;
+    if (m_thread.load(std::memory_order_acquire) != nullptr) {
+        return answer;
+    }
+    if (m_inLibLoadUnload.load()) {
+        return answer;
+    }
+    try {
+        Start();
+    } catch (...) {
+        // The level test runs on the caller's path and must not throw. Entries
+        // wait in the queue; the next level test tries to start the worker again.
+    }
+    return answer;
+}
+
+void Log::AddEntry(const char* category, LogEntry::Level level, std::string message) {
+    try {
+        std::unique_ptr<LogEntry> entry(
+            new (std::nothrow) LogEntry(category, level, GetThreadDepth(), std::move(message)));
+        if (!entry) {
+            return;
+        }
+        {
+            LockGuard lock(m_queueMutex);
+            if (m_dropping) {
+                ++m_droppedCount;
+                return; // the entry is destroyed after the mutex is released
+            }
+            m_queue.push_back(std::move(entry));
+        }
+        m_queueCond.notify_one();
+    } catch (...) {
+        // Logging never throws on the caller's path; a message that cannot be
+        // allocated is lost.
+    }
+}
+
+void Log::AddEntry(const char* category, LogEntry::Level level, const char* format,
+                   va_list args) {
+    if (!WillBeLogged(level)) {
+        return;
+    }
+    try {
+        AddEntry(category, level, LogUtils::FormatArgsToStdString(format, args));
+    } catch (...) {
+        // An unformattable message or exhausted memory: the message is lost.
+    }
+}
+
+void Log::AddEntry(const char* category, LogEntry::Level level, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    AddEntry(category, level, format, args);
+    va_end(args);
+}
+
+// ---------------------------------------------------------------------------
+// Listeners
+
+bool Log::AddListener(const std::weak_ptr<ILogListener>& listener) {
+    const std::shared_ptr<ILogListener> candidate = listener.lock();
+    if (!candidate) {
+        return false;
+    }
+    LockGuard lock(m_listenersMutex);
+    for (const auto& registered : m_listeners) {
+        if (registered.lock() == candidate) {
+            return false;
+        }
+    }
+    try {
+        m_listeners.push_back(listener);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    m_hasListeners.store(!m_listeners.empty());
+    return true;
+}
+
+bool Log::RemoveListener(const std::weak_ptr<ILogListener>& listener) {
+    const std::shared_ptr<ILogListener> candidate = listener.lock();
+    if (!candidate) {
+        return false;
+    }
+    LockGuard lock(m_listenersMutex);
+    for (auto it = m_listeners.begin(); it != m_listeners.end(); ++it) {
+        if (it->lock() == candidate) {
+            m_listeners.erase(it);
+            m_hasListeners.store(!m_listeners.empty());
+            return true;
+        }
+    }
+    return false;
+}
+
+void Log::NotifyListeners(const LogEntry& entry) {
+    LockGuard lock(m_listenersMutex);
+    size_t i = 0;
+    while (i < m_listeners.size()) {
+        const std::shared_ptr<ILogListener> listener = m_listeners[i].lock();
+        if (!listener) {
+            // A dead listener is pruned in place; the others keep their order.
+            m_listeners.erase(m_listeners.begin() + static_cast<std::ptrdiff_t>(i));
+            continue;
+        }
+        try {
+            listener->OnLogEntryAdded(entry);
+        } catch (...) {
+            // One failing sink must neither stop the worker nor starve the others.
+        }
+        ++i;
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Worker
+
+void Log::QueueOverloadReport(const TimePoint& overloadStart) {
+    const auto elapsedUs = static_cast<unsigned long long>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(Now() - overloadStart).count() /
+        1000);
+    try {
+        std::string text = "Too many messages in log queue, " + std::to_string(m_droppedCount) +
+                           " new messages dropped during " + std::to_string(elapsedUs) +
+                           "us while processing the queue";
+        std::unique_ptr<LogEntry> report(
+            new (std::nothrow) LogEntry("***", LogEntry::Warning, 0, std::move(text)));
+        if (report) {
+            m_queue.push_back(std::move(report));
+        }
+    } catch (...) {
+        // The report is lost; the overload state is left all the same.
+    }
+    m_dropping = false;
+    m_droppedCount = 0;
+}
+
+void Log::ThreadFunc() {
+    std::unique_lock<std::mutex> lock(m_queueMutex);
+    TimePoint overloadStart = Now();
+    while (!m_stop) {
+        if (m_queue.empty()) {
+            if (m_dropping) {
+                QueueOverloadReport(overloadStart);
+                continue;
+            }
+            m_drainedCond.notify_all();
+            m_queueCond.wait(lock, [this] { return m_stop || !m_queue.empty(); });
+            if (m_stop) {
+                break;
+            }
+        }
+        std::unique_ptr<LogEntry> entry = std::move(m_queue.front());
+        m_queue.pop_front();
+        if (m_queue.size() > kOverloadThreshold) {
+            m_dropping = true;
+            overloadStart = Now();
+        }
+        m_delivering = true;
+        lock.unlock();
+        try {
+            entry->FormatMessage();
+            NotifyListeners(*entry);
+        } catch (...) {
+            // An entry that cannot be formatted is skipped; the worker goes on.
+        }
+        entry.reset();
+        lock.lock();
+        m_delivering = false;
+    }
+    lock.unlock();
+    m_drainedCond.notify_all();
+}
+
+// ---------------------------------------------------------------------------
+// Flush
+
+uint64_t Log::Flush(uint64_t timeLimitMs) {
+    if (!WillBeLogged(m_level)) {
+        return 0;
+    }
+    std::deque<std::unique_ptr<LogEntry>> discarded;
+    uint64_t count = 0;
+    {
+        std::unique_lock<std::mutex> lock(m_queueMutex);
+        const auto start = std::chrono::system_clock::now();
+        if (!IsDrained()) {
+            if (timeLimitMs == 0) {
+                // Without a worker (still in the load phase) nothing would ever
+                // drain the queue; an unlimited wait would hang the caller.
+                if (m_thread.load() != nullptr) {
+                    m_drainedCond.wait(lock, [this] { return m_stop || IsDrained(); });
+                }
+            } else if (!m_stop) {
+                const auto deadline = start + std::chrono::milliseconds(timeLimitMs);
+                for (;;) {
+                    m_drainedCond.wait_until(lock, deadline);
+                    if (std::chrono::system_clock::now() >= deadline || m_stop) {
+                        break;
+                    }
+                    if (IsDrained()) {
+                        break;
+                    }
+                }
+            }
+        }
+        count = m_queue.size();
+        discarded.swap(m_queue);
+    }
+    // What is left is never delivered; it is freed outside the lock so that
+    // producers are not held up by a large backlog.
+    return count;
+}
+
+// ---------------------------------------------------------------------------
+// Per-thread depth
+
+uint16_t& Log::GetThreadDepth() {
+    return t_depth;
+}
+
+void Log::IncreaseThreadDepth() {
+    ++t_depth;
+}
+
+bool Log::DecreaseThreadDepth() {
+    if (t_depth == 0) {
+        return false;
+    }
+    --t_depth;
+    return true;
+}
+
+} // namespace kt
