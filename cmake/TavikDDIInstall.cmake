@@ -11,9 +11,9 @@ set(TAVIK_INSTALL_PKGCONFIGDIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 # without the library scanning every other file of the library folder.
 set(TAVIK_INSTALL_MODULEDIR ${CMAKE_INSTALL_LIBDIR}/tavik/modules)
 
+# The target already carries its installed include folder in its interface.
 install(TARGETS tavikDDI EXPORT TavikDDITargets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/tavik
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN "*.h")
@@ -51,6 +51,7 @@ install(FILES
 # pkg-config: the prefix is found from the .pc file's own place for the same reason.
 file(RELATIVE_PATH TAVIK_PC_TO_PREFIX
   /prefix/${TAVIK_INSTALL_PKGCONFIGDIR} /prefix)
+string(REGEX REPLACE "/$" "" TAVIK_PC_TO_PREFIX "${TAVIK_PC_TO_PREFIX}")
 configure_file(${CMAKE_CURRENT_LIST_DIR}/tavikddi.pc.in
   ${CMAKE_BINARY_DIR}/cmake/tavikddi.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/cmake/tavikddi.pc DESTINATION ${TAVIK_INSTALL_PKGCONFIGDIR})

@@ -49,8 +49,12 @@ VirtualCamera* VirtualCamera::FromDevice(tavik_driver_device* device) {
     VirtualLastError::Set("Device is null");
     return nullptr;
   }
-  auto* camera = reinterpret_cast<VirtualCamera*>(device->private_);
-  if (camera == nullptr || camera->m_magic != kMagic || camera->m_device != device) {
+  // Look at the first bytes before treating the pointer as a camera: a record
+  // made by someone else may point at anything, with any alignment.
+  uint32_t magic = 0;
+  if (device->private_ != nullptr) memcpy(&magic, device->private_, sizeof magic);
+  auto* camera = magic == kMagic ? reinterpret_cast<VirtualCamera*>(device->private_) : nullptr;
+  if (camera == nullptr || camera->m_device != device) {
     VirtualLastError::Set("Device '%.31s' does not belong to the camera emulator", device->name);
     return nullptr;
   }
@@ -256,27 +260,29 @@ void VirtualCamera::StopAcquisitionLocked() {
 }
 
 void VirtualCamera::FrameLoop(uint64_t startNs, uint32_t fps, uint32_t frameLimit) {
+  // A clock that woke late (busy host) catches up without bursts: the next frame
+  // comes at its nominal time, but never sooner than half a period after the
+  // previous one. Frame numbers never skip, and each frame stays the latest for
+  // at least half a period, so a reader that keeps up still gets every frame.
+  const uint64_t minGapNs = FrameOffsetNs(1, fps) / 2;
   uint64_t n = 0;
+  uint64_t lastEmitNs = 0;
   std::unique_lock<std::mutex> lock(m_acqMutex);
   for (;;) {
-    const auto due = ToTimePoint(startNs + FrameOffsetNs(n + 1, fps));
-    if (m_acqCv.wait_until(lock, due, [this] { return m_acqStop.load(); })) return;
+    const uint64_t dueNs = std::max(startNs + FrameOffsetNs(n + 1, fps), lastEmitNs + minGapNs);
+    if (m_acqCv.wait_until(lock, ToTimePoint(dueNs), [this] { return m_acqStop.load(); }))
+      return;
     lock.unlock();
-    // Emit every frame that is due by now: a late wake-up (busy host) catches up
-    // in order instead of skipping frame numbers.
-    const uint64_t now = MonotonicNs();
-    bool finished = false;
-    do {
-      ++n;
-      EmitFrame(n, (startNs + FrameOffsetNs(n, fps)) / 1000u);
-      if (frameLimit != 0 && n >= frameLimit) {
+    ++n;
+    const uint64_t stampUs = (startNs + FrameOffsetNs(n, fps)) / 1000u;
+    EmitFrame(n, stampUs);
+    lastEmitNs = MonotonicNs();
+    if (frameLimit != 0 && n >= frameLimit) {
+      {
         std::lock_guard<std::mutex> q(m_notifMutex);
-        if (QueueLocked(NOTIFICATION_COMPLETE, n, (startNs + FrameOffsetNs(n, fps)) / 1000u))
-          m_notifCv.notify_one();
-        finished = true;
+        QueueLocked(NOTIFICATION_COMPLETE, n, stampUs);
       }
-    } while (!finished && !m_acqStop.load() && startNs + FrameOffsetNs(n + 1, fps) <= now);
-    if (finished) {
+      m_notifCv.notify_one();
       m_acqActive.store(false);
       return;
     }

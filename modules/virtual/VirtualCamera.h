@@ -57,6 +57,7 @@ class VirtualCamera {
   bool QueueLocked(uint32_t type, uint64_t frameNumber, uint64_t stampUs);
   void NotifyLoop(tavik_dcb_invoke_callback_fn callback);
 
+  // First member, so that it sits at offset 0 where FromDevice looks for it.
   const uint32_t m_magic = kMagic;
   tavik_driver_device* const m_device;
   const unsigned m_index;

@@ -23,9 +23,11 @@
  * from 1 in every acquisition) is due n frame periods after the request; when it
  * is due the camera queues NOTIFICATION_BOF for n, stores the frame as the latest
  * frame, and queues NOTIFICATION_EOF for n. A clock that fell behind (the host was
- * busy) catches up by emitting every overdue frame in order: frame numbers never
- * skip. The acquisition runs until TAVIK_IOC_ACQ_ABORT, close, or the frame limit
- * of the setup record, after which NOTIFICATION_COMPLETE is queued.
+ * busy) catches up without bursts: a frame comes at its due time but never sooner
+ * than half a period after the previous one, so frame numbers never skip and each
+ * frame stays the latest for at least half a period. Time stamps stay nominal.
+ * The acquisition runs until TAVIK_IOC_ACQ_ABORT, close, or the frame limit of
+ * the setup record, after which NOTIFICATION_COMPLETE is queued.
  *
  * Notifications are queued only while the camera's notification thread runs
  * (start_notif_thread to stop_notif_thread); the queue holds

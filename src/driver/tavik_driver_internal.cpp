@@ -219,8 +219,11 @@ void tavik_driver_dump(tavik_driver* driver) {
     if (!driver) return;
     const char* type = driver->type ? tavik_driver_type_text(static_cast<uns32>(driver->type()))
                                     : kInvalidText;
+    // A damaged record may hold any mode: read it as the plain number it is.
+    uns32 mode = 0;
+    std::memcpy(&mode, &driver->mode, sizeof(mode));
     std::printf("%s: mode: %s, type: %s, handle: 0x%p, file_path: '%s'\n", self,
-                tavik_driver_mode_text(static_cast<uns32>(driver->mode)), type, driver->handle,
+                tavik_driver_mode_text(mode), type, driver->handle,
                 driver->file_path);
     std::printf("%s: init: 0x%p, uninit: 0x%p, type: 0x%p\n", self,
                 reinterpret_cast<void*>(driver->init), reinterpret_cast<void*>(driver->uninit),

@@ -334,7 +334,7 @@ TEST_F(ProbeTest, LogFileHasHeaderEntriesAndFooter) {
       << lines[n - 3];
   EXPECT_EQ(lines[n - 2], kSeparator);
   EXPECT_EQ(lines[n - 1], "");
-  const std::regex total(R"(\[\d{6}\.\d{6} DDI \d{5,}:\d{5,} I\] +Total cameras: 0)");
+  const std::regex total(R"(\[\d{6}\.\d{6} DDI \d{5,}:\d{5,} I\] +void ddi_update_device_list\(Ddi\*\): Total cameras: 0)");
   EXPECT_TRUE(std::any_of(lines.begin(), lines.end(),
                           [&](const std::string& l) { return std::regex_match(l, total); }));
 }

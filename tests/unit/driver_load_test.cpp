@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -134,7 +135,8 @@ TEST(DriverDump, NullRecordsStopAfterTheirFirstLine) {
     tavik_driver_device_list_dump(nullptr);
     tavik_driver_device_dump(nullptr);
     tavik_driver driver{};
-    driver.mode = static_cast<E_TAVIK_DRIVER_MODE>(7);
+    const uns32 badMode = 7;
+    std::memcpy(&driver.mode, &badMode, sizeof(badMode));
     tavik_driver_dump(&driver);
     const std::string out = testing::internal::GetCapturedStdout();
     const std::string nil = Hex(nullptr);

@@ -119,6 +119,7 @@ TEST(LogWorker, ManyLogsCreatedAndDestroyedLeaveNoThread) {
 
 TEST(LogWorker, UndeliveredEntriesAreDiscardedAtDestruction) {
     auto l = std::make_shared<RecordingListener>();
+    std::thread release;
     {
         Log log(LogEntry::Trace);
         log.AddListener(Weak(l));
@@ -128,13 +129,13 @@ TEST(LogWorker, UndeliveredEntriesAreDiscardedAtDestruction) {
         for (int i = 0; i < 100; ++i) {
             log.AddEntry("DDI", LogEntry::Info, "queued %d", i);
         }
-        std::thread release([&] {
+        release = std::thread([l] {
             std::this_thread::sleep_for(50ms);
             l->Open();
         });
         // The destructor stops the worker after the entry it is delivering.
-        release.detach();
     }
+    release.join();
     const auto messages = l->Messages();
     ASSERT_GE(messages.size(), 1u);
     EXPECT_EQ(messages[0], "first");

@@ -214,7 +214,7 @@ TEST_F(TraceTest, MessagesInsideAreOneDeeperAndNestedCallsIndent) {
         }
     }
     const auto lines = Lines();
-    ASSERT_EQ(lines.size(), 7u);
+    ASSERT_EQ(lines.size(), 6u);
     const std::vector<uint16_t> depths{0, 1, 1, 2, 1, 0};
     EXPECT_EQ(lines[0].message, "outer: ENTER (pDdi=0x(nil))");
     EXPECT_EQ(lines[1].message, "outer: Searching for user mode drivers (tavik_*.x86_64.umd)...");

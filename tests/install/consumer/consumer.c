@@ -4,6 +4,8 @@
  * waits for a few frames and takes everything down again in the core's order.
  * Exit status 0 only when every step worked and the frames arrived.
  */
+#define _POSIX_C_SOURCE 200809L /* setenv, pthread_cond_timedwait in strict C11 */
+
 #include <errno.h>
 #include <pthread.h>
 #include <stdio.h>
