@@ -31,6 +31,10 @@
 #include "log/LogSetupFile.h"
 
 // ---------------------------------------------------------------------------
+// The replaced global operators below pair malloc with free; GCC cannot see that
+// the replacement makes new/free a matching pair once they are inlined.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+
 // Every allocation of the program is counted, so a benchmark can prove that its
 // loop allocated nothing.
 

@@ -11,6 +11,14 @@ set(TAVIK_INSTALL_PKGCONFIGDIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 # without the library scanning every other file of the library folder.
 set(TAVIK_INSTALL_MODULEDIR ${CMAKE_INSTALL_LIBDIR}/tavik/modules)
 
+# Without TAVIK_UMD_PATH the library asks the dynamic loader for the known
+# module names; the installed library's RUNPATH makes the loader look in the
+# installed modules folder, so an installed kit finds its own modules. Only the
+# installed copy gets it: in the build tree, tests decide where modules come from.
+file(RELATIVE_PATH TAVIK_LIB_TO_MODULES
+  /prefix/${CMAKE_INSTALL_LIBDIR} /prefix/${TAVIK_INSTALL_MODULEDIR})
+set_target_properties(tavikDDI PROPERTIES INSTALL_RPATH "$ORIGIN/${TAVIK_LIB_TO_MODULES}")
+
 # The target already carries its installed include folder in its interface.
 install(TARGETS tavikDDI EXPORT TavikDDITargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})

@@ -2,6 +2,8 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <sys/uio.h>
+#include <cstring>
 #include <unistd.h>
 #include <utility>
 
@@ -51,32 +53,38 @@ LoggerFile::~LoggerFile() {
 
 void LoggerFile::OnLogEntryAdded(const LogEntry& entry) {
     try {
-        std::string line;
-        line.reserve(entry.m_formattedMessage.size() + 1);
-        line += entry.m_formattedMessage;
-        line += '\n';
-        Write(line);
+        Write(entry.m_formattedMessage, "\n");
     } catch (...) {
     }
 }
 
-void LoggerFile::Write(const std::string& text) {
+void LoggerFile::Write(const std::string& text, const char* terminator) {
     std::lock_guard<std::mutex> lock(m_fileMutex);
     if (m_file < 0) {
         return; // a sink whose file never opened writes nothing
     }
-    const char* data = text.data();
-    size_t left = text.size();
-    while (left > 0) {
-        const ssize_t n = ::write(m_file, data, left);
+    // The line and its terminator leave in one system call, so each line is
+    // flushed to the file without first being copied.
+    iovec parts[2] = {{const_cast<char*>(text.data()), text.size()},
+                      {const_cast<char*>(terminator), std::strlen(terminator)}};
+    int first = 0;
+    while (first < 2) {
+        const ssize_t n = ::writev(m_file, parts + first, 2 - first);
         if (n < 0) {
             if (errno == EINTR) {
                 continue;
             }
             return; // write errors are ignored
         }
-        data += n;
-        left -= static_cast<size_t>(n);
+        size_t done = static_cast<size_t>(n);
+        while (first < 2 && done >= parts[first].iov_len) {
+            done -= parts[first].iov_len;
+            ++first;
+        }
+        if (first < 2) {
+            parts[first].iov_base = static_cast<char*>(parts[first].iov_base) + done;
+            parts[first].iov_len -= done;
+        }
     }
 }
 

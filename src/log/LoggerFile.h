@@ -21,7 +21,7 @@ public:
     bool IsOpen() const { return m_file >= 0; }
 
 private:
-    void Write(const std::string& text);
+    void Write(const std::string& text, const char* terminator = "");
     void Close();
 
     // A plain descriptor rather than a stream: it can be opened close-on-exec, so

@@ -2,8 +2,11 @@
 // running program and its modules, process and thread ids.
 #include "log/LogUtils.h"
 
+#include <atomic>
+
 #include <dlfcn.h>
 #include <link.h>
+#include <pthread.h>
 #include <string.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -73,12 +76,38 @@ std::string LogUtils::GetAppFullFileName() {
     return cached;
 }
 
+namespace {
+
+// Every log entry carries both ids; asking the kernel twice per entry would be
+// the largest part of a caller's cost. Ids never change for a thread's life,
+// except in the child of a fork, whose only thread is the forking one: the
+// child handler forgets both there.
+std::atomic<uint32_t> g_pid{0};
+thread_local uint32_t t_tid = 0;
+
+void ForgetIdsInChild() {
+    g_pid.store(0, std::memory_order_relaxed);
+    t_tid = 0;
+}
+
+const int g_atforkRegistered = pthread_atfork(nullptr, nullptr, &ForgetIdsInChild);
+
+} // namespace
+
 uint32_t LogUtils::GetCurrentProcessId() {
-    return static_cast<uint32_t>(getpid());
+    uint32_t pid = g_pid.load(std::memory_order_relaxed);
+    if (pid == 0) {
+        pid = static_cast<uint32_t>(getpid());
+        g_pid.store(pid, std::memory_order_relaxed);
+    }
+    return pid;
 }
 
 uint32_t LogUtils::GetCurrentThreadId() {
-    return static_cast<uint32_t>(syscall(SYS_gettid));
+    if (t_tid == 0) {
+        t_tid = static_cast<uint32_t>(syscall(SYS_gettid));
+    }
+    return t_tid;
 }
 
 } // namespace kt

@@ -229,47 +229,49 @@ TEST_F(Notifications, StopWithoutStartAndStartStopStartOnOneOpenDevice) {
   });
 }
 
+// Run without a log: while every descriptor is taken, nothing else in the
+// process may need one (a sanitizer runtime probing memory through a pipe on
+// the log's worker thread would misreport).
 TEST_F(Notifications, PipeFailureLeavesNothingBehind) {
-  if (!WithCamera([&](Session& s, tavik_driver_device* d, SimCamera*) {
-        size_t fds = CountOpenFds();
-        // Fill every descriptor below a lowered limit, so pipe() gets EMFILE.
-        struct rlimit old;
-        ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
-        int highest = 0;
-        for (int fd = 0; fd < 1024; ++fd)
-          if (fcntl(fd, F_GETFD) != -1) highest = fd;
-        struct rlimit low = old;
-        low.rlim_cur = static_cast<rlim_t>(highest + 1);
-        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
-        std::vector<int> fillers;
-        for (int fd; (fd = dup(0)) >= 0;) fillers.push_back(fd);
-        int16 rc = d->start_notif_thread(d, Callback);
-        std::string text = s.lib.LastError();
-        for (int fd : fillers) close(fd);
-        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &old), 0);
-        EXPECT_EQ(rc, KZ_ERR_INSUFFICIENT_RESOURCES);
-        EXPECT_EQ(text, "Cannot create abort pipe for notification thread, error 24 (Too many open files)");
-        EXPECT_EQ(CountOpenFds(), fds);
-        // The pipe descriptors were left at -1: a stop must close nothing of ours.
-        int a = dup(0), b = dup(0);
-        EXPECT_EQ(d->stop_notif_thread(d), KZ_ERR_NONE);
-        EXPECT_NE(fcntl(a, F_GETFD), -1) << "stop closed a descriptor it did not own";
-        EXPECT_NE(fcntl(b, F_GETFD), -1) << "stop closed a descriptor it did not own";
-        close(a);
-        close(b);
-        // And the device starts cleanly afterwards.
-        ASSERT_EQ(d->start_notif_thread(d, Callback), KZ_ERR_NONE);
-        EXPECT_EQ(d->stop_notif_thread(d), KZ_ERR_NONE);
-      }))
-    return;
-  LogFile log = Log();
-  EXPECT_EQ(log.Count('E', "tavik_driver_kernel_dev_start_notif_thread",
-                      "Cannot create abort pipe for notification thread, error 24 (Too many open files)"),
-            1u)
-      << log.Dump();
-  EXPECT_EQ(log.Count('T', "tavik_driver_kernel_dev_start_notif_thread",
-                      Re(std::string("RETURN \\(KZ_ERR_INSUFFICIENT_RESOURCES\\) ") + kMicros)),
-            1u);
+  RunInChild([&](ChildContext&) {
+    EnterPrivateDev();
+    MakeFifo("tavikSW_0");
+    Session s;
+    TAVIK_INIT_SESSION(s);
+    tavik_driver_device* d = s.ddi.devices[0];
+    ASSERT_EQ(d->open(d), KZ_ERR_NONE);
+    size_t fds = CountOpenFds();
+    // Fill every descriptor below a lowered limit, so pipe() gets EMFILE.
+    struct rlimit old;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
+    int highest = 0;
+    for (int fd = 0; fd < 4096; ++fd)
+      if (fcntl(fd, F_GETFD) != -1) highest = fd;
+    struct rlimit low = old;
+    low.rlim_cur = static_cast<rlim_t>(highest + 1);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+    std::vector<int> fillers;
+    for (int fd; (fd = dup(0)) >= 0;) fillers.push_back(fd);
+    int16 rc = d->start_notif_thread(d, Callback);
+    std::string text = s.lib.LastError();
+    for (int fd : fillers) close(fd);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &old), 0);
+    EXPECT_EQ(rc, KZ_ERR_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(text, "Cannot create abort pipe for notification thread, error 24 (Too many open files)");
+    EXPECT_EQ(CountOpenFds(), fds);
+    // The pipe descriptors were left at -1: a stop must close nothing of ours.
+    int a = dup(0), b = dup(0);
+    EXPECT_EQ(d->stop_notif_thread(d), KZ_ERR_NONE);
+    EXPECT_NE(fcntl(a, F_GETFD), -1) << "stop closed a descriptor it did not own";
+    EXPECT_NE(fcntl(b, F_GETFD), -1) << "stop closed a descriptor it did not own";
+    close(a);
+    close(b);
+    // And the device starts cleanly afterwards.
+    ASSERT_EQ(d->start_notif_thread(d, Callback), KZ_ERR_NONE);
+    EXPECT_EQ(d->stop_notif_thread(d), KZ_ERR_NONE);
+    EXPECT_EQ(d->close(d), KZ_ERR_NONE);
+    TAVIK_UNINIT_SESSION(s);
+  });
 }
 
 }  // namespace

@@ -124,4 +124,12 @@ endif()
 if(NOT cameras EQUAL 1)
   message(FATAL_ERROR "installed probe lists ${cameras} cameras, expected the one emulated camera")
 endif()
+# Without TAVIK_UMD_PATH the installed library finds the installed emulator by its
+# known name, through its own RUNPATH.
+run_checked("installed probe, known module names" "${STAGE}/${BINDIR}/tavik-ddi-probe" --json)
+string(JSON module GET "${RUN_OUTPUT}" drivers 4 module)
+get_filename_component(module_real "${module}" REALPATH)
+if(NOT module_real STREQUAL "${lib}/tavik/modules/tavik_virtual.x86_64.umd")
+  message(FATAL_ERROR "without TAVIK_UMD_PATH the virtual slot holds '${module}', not the installed emulator")
+endif()
 message(STATUS "installed tree at ${STAGE} works")

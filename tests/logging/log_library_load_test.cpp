@@ -15,6 +15,7 @@
 #include <regex>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <tavik/tavik_ddi.h>
@@ -63,6 +64,9 @@ int LoadOnce(const LoadRun& run) {
         run.logFile ? setenv("TAVIK_DDI_LOG_FILE", run.logFile, 1) : unsetenv("TAVIK_DDI_LOG_FILE");
         run.logLevel ? setenv("TAVIK_DDI_LOG_LEVEL", run.logLevel, 1)
                      : unsetenv("TAVIK_DDI_LOG_LEVEL");
+        // A thread started and ended first lets any runtime helper thread (a
+        // sanitizer's, for one) exist before the baseline is taken.
+        std::thread([] {}).join();
         const size_t threads = CountEntries("/proc/self/task");
         const size_t fds = CountEntries("/proc/self/fd");
         void* lib = dlopen(kLibrary, RTLD_NOW | RTLD_LOCAL);

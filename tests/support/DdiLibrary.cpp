@@ -7,16 +7,6 @@
 namespace tavik_test {
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__)
-// LeakSanitizer's exit-time scan walks the dynamic TLS vector, and with this
-// toolchain it reads a stale entry left by a library that was unloaded while
-// it had thread-local storage, and crashes ("Tracer caught signal 11").
-// Under ASan the library therefore stays mapped after dlclose; its teardown
-// still runs at process exit.
-constexpr int kKeepMapped = RTLD_NODELETE;
-#else
-constexpr int kKeepMapped = 0;
-#endif
 
 template <typename Fn>
 bool Resolve(void* handle, const char* name, Fn* out, std::string* error) {
@@ -35,7 +25,7 @@ bool Resolve(void* handle, const char* name, Fn* out, std::string* error) {
 
 bool DdiLibrary::Load(std::string* error) {
   if (handle_ != nullptr) return true;
-  handle_ = dlopen(Path(), RTLD_NOW | RTLD_LOCAL | kKeepMapped);
+  handle_ = dlopen(Path(), RTLD_NOW | RTLD_LOCAL);
   if (handle_ == nullptr) {
     const char* e = dlerror();
     *error = std::string("dlopen: ") + (e != nullptr ? e : "?");

@@ -464,6 +464,9 @@ TEST(EnumNameExposureMode, UnknownPartsAreNamedSeparately) {
   EXPECT_STREQ(Name<_KZ_EXP_MODE>(0x0101u), "<UNKNOWN>|EXPOSE_OUT_ALL_ROWS");
   EXPECT_STREQ(Name<_KZ_EXP_MODE>(0x0F00u), "<UNKNOWN>|EXPOSE_OUT_FIRST_ROW");
   EXPECT_STREQ(Name<_KZ_EXP_MODE>(0xFFFFu), "<UNKNOWN>|<UNKNOWN>");
+  // All of bits 8-15 form the trigger part, not only the low nibble of it.
+  EXPECT_STREQ(Name<_KZ_EXP_MODE>(0x1702u), "<UNKNOWN>|EXPOSE_OUT_ANY_ROW");
+  EXPECT_STREQ(Name<_KZ_EXP_MODE>(0x8000u), "<UNKNOWN>|EXPOSE_OUT_FIRST_ROW");
 }
 
 TEST(EnumNameExposureMode, EveryCallOverwritesTheOneSharedText) {

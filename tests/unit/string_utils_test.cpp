@@ -215,4 +215,30 @@ TEST(SystemTexts, IdsAreTheKernelsProcessAndThreadIds) {
     EXPECT_NE(other, LogUtils::GetCurrentThreadId());
 }
 
+TEST(SystemTexts, IdsAreFreshInTheChildOfAFork) {
+    // Prime whatever the parent may remember.
+    const uint32_t parentPid = LogUtils::GetCurrentProcessId();
+    const uint32_t parentTid = LogUtils::GetCurrentThreadId();
+    EXPECT_EQ(kt_test::RunInChild([&] {
+                  const bool fresh =
+                      LogUtils::GetCurrentProcessId() == static_cast<uint32_t>(getpid()) &&
+                      LogUtils::GetCurrentThreadId() == static_cast<uint32_t>(syscall(SYS_gettid)) &&
+                      LogUtils::GetCurrentProcessId() != parentPid &&
+                      LogUtils::GetCurrentThreadId() != parentTid;
+                  return fresh ? 0 : 1;
+              }),
+              0);
+    // A thread started in a child gets its own id too.
+    EXPECT_EQ(kt_test::RunInChild([] {
+                  uint32_t id = 0;
+                  uint32_t sys = 1;
+                  std::thread([&] {
+                      id = LogUtils::GetCurrentThreadId();
+                      sys = static_cast<uint32_t>(syscall(SYS_gettid));
+                  }).join();
+                  return id == sys ? 0 : 1;
+              }),
+              0);
+}
+
 } // namespace
