@@ -17,7 +17,12 @@ set(TAVIK_INSTALL_MODULEDIR ${CMAKE_INSTALL_LIBDIR}/tavik/modules)
 # installed copy gets it: in the build tree, tests decide where modules come from.
 file(RELATIVE_PATH TAVIK_LIB_TO_MODULES
   /prefix/${CMAKE_INSTALL_LIBDIR} /prefix/${TAVIK_INSTALL_MODULEDIR})
-set_target_properties(tavikDDI PROPERTIES INSTALL_RPATH "$ORIGIN/${TAVIK_LIB_TO_MODULES}")
+# SKIP_BUILD_RPATH keeps the build-tree copy free of any run path (CMake would
+# otherwise pad it with empty entries, which the loader reads as the current
+# directory) and makes CMake relink the installed copy instead.
+set_target_properties(tavikDDI PROPERTIES
+  INSTALL_RPATH "$ORIGIN/${TAVIK_LIB_TO_MODULES}"
+  SKIP_BUILD_RPATH ON)
 
 # The target already carries its installed include folder in its interface.
 install(TARGETS tavikDDI EXPORT TavikDDITargets

@@ -18,7 +18,7 @@ extern "C" {
 #define TAVIK_DDI_API
 #endif
 
-typedef enum _KZ_DDI_STATE {
+typedef enum _KZ_DDI_STATE TAVIK_ENUM_BASE(uint32_t) {
   TAVIK_DDI_STATE_CLOSED = 0,
   TAVIK_DDI_STATE_OPEN = 1
 } E_TAVIK_DDI_STATE;

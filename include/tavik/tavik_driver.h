@@ -15,7 +15,7 @@ extern "C" {
 #endif
 
 /* Bus type; also the index into the Ddi record's driver slots. */
-typedef enum _KZ_DRIVER_TYPE {
+typedef enum _KZ_DRIVER_TYPE TAVIK_ENUM_BASE(uint32_t) {
   TAVIK_DRIVER_TYPE_PCI = 0,
   TAVIK_DRIVER_TYPE_PCIE = 1,
   TAVIK_DRIVER_TYPE_USB = 2,
@@ -25,12 +25,12 @@ typedef enum _KZ_DRIVER_TYPE {
 
 #define TAVIK_DRIVER_TYPE_COUNT 5
 
-typedef enum _KZ_DRIVER_MODE {
+typedef enum _KZ_DRIVER_MODE TAVIK_ENUM_BASE(uint32_t) {
   TAVIK_DRIVER_MODE_USER = 0,
   TAVIK_DRIVER_MODE_KERNEL = 1
 } E_TAVIK_DRIVER_MODE;
 
-typedef enum _KZ_CAM_STATE {
+typedef enum _KZ_CAM_STATE TAVIK_ENUM_BASE(uint32_t) {
   TAVIK_CAM_STATE_CLOSED = 0,
   TAVIK_CAM_STATE_OPEN = 1,
   TAVIK_CAM_STATE_REMOVED = 2,
@@ -38,7 +38,7 @@ typedef enum _KZ_CAM_STATE {
   TAVIK_CAM_STATE_RESUMED = 4
 } E_TAVIK_CAM_STATE;
 
-typedef enum _KZ_DDI_STATUS {
+typedef enum _KZ_DDI_STATUS TAVIK_ENUM_BASE(uint32_t) {
   CAM_STATUS_SUCCESS = 0,
   EXP_ST_NO_DATA_A = 100,
   EXP_ST_NO_DATA_I = 101,
@@ -61,7 +61,7 @@ typedef enum _KZ_DDI_STATUS {
 } E_TAVIK_DDI_STATUS;
 
 /* Request codes, Linux _IOC encoding with type character '='. */
-typedef enum _KZ_IOCTL {
+typedef enum _KZ_IOCTL TAVIK_ENUM_BASE(uint32_t) {
   TAVIK_IOC_GET_DRIVER_API_VERSION = 0x80043D00u,
   TAVIK_IOC_CAM_POST_OPEN = 0x00003D01u,
   TAVIK_IOC_CAM_PRE_CLOSE = 0x00003D02u,
@@ -91,7 +91,7 @@ typedef enum _KZ_IOCTL {
 } E_TAVIK_IOCTL;
 
 /* Notification codes, a bit set. */
-typedef enum _KZ_NOTIF {
+typedef enum _KZ_NOTIF TAVIK_ENUM_BASE(uint32_t) {
   NOTIFICATION_DEVICE_REMOVAL = 0x00000001u,
   NOTIFICATION_BUS_RESET = 0x00000002u,
   NOTIFICATION_BOF = 0x00000004u,

@@ -18,6 +18,14 @@ typedef uint16_t rs_bool;
 #define QX_OK ((rs_bool)1)
 #define QX_FAIL ((rs_bool)0)
 
+/* C++ gets a fixed underlying type so that any 32-bit value read from a record is a
+ * valid value of the enumeration type (names of unknown values are looked up too). */
+#ifdef __cplusplus
+#define TAVIK_ENUM_BASE(type) : type
+#else
+#define TAVIK_ENUM_BASE(type)
+#endif
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,7 +1,8 @@
 #include "log/LogEntry.h"
 
+#include <algorithm>
 #include <array>
-#include <cstdio>
+#include <cstring>
 #include <utility>
 
 namespace kt {
@@ -57,29 +58,95 @@ LogEntry::LogEntry(const char* category, Level level, uint16_t depth, std::strin
       m_depth(depth),
       m_message(std::move(message)) {}
 
+namespace {
+
+constexpr size_t kHeaderCapacity = 102; // the header never exceeds 102 characters
+
+// Writes the decimal digits of value, zero-padded on the left to minWidth, at
+// out; returns the position after the last digit.
+char* PutUnsigned(char* out, uint32_t value, int minWidth) {
+    char digits[10];
+    int n = 0;
+    do {
+        digits[n++] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    for (int i = n; i < minWidth; ++i) {
+        *out++ = '0';
+    }
+    while (n > 0) {
+        *out++ = digits[--n];
+    }
+    return out;
+}
+
+// The worker formats every entry; breaking the same second into local time again
+// and again is most of the cost of a time stamp, so each thread keeps the hours,
+// minutes and seconds of the last second it saw.
+struct SecondText {
+    long long second = 0;
+    bool valid = false;
+    std::string hms;
+};
+
+thread_local SecondText t_lastSecond;
+
+// Writes "HHMMSS.uuuuuu" at out; returns the position after it.
+char* PutTimeStamp(char* out, const TimePoint& time) {
+    const long long ns = time.time_since_epoch().count();
+    const long long second = ns / 1000000000LL;
+    if (!t_lastSecond.valid || t_lastSecond.second != second) {
+        // GetTimeStamp gives "HHMMSS.uuuuuu"; only the part before the point is kept.
+        const std::string stamp = LogUtils::GetTimeStamp(time);
+        t_lastSecond.hms.assign(stamp, 0, std::min<size_t>(stamp.find('.'), 16));
+        t_lastSecond.second = second;
+        t_lastSecond.valid = true;
+    }
+    const long long us = ns / 1000;
+    const unsigned micros = static_cast<unsigned>(us - (us / 1000000) * 1000000);
+    out = std::copy(t_lastSecond.hms.begin(), t_lastSecond.hms.end(), out);
+    *out++ = '.';
+    return PutUnsigned(out, micros, 6);
+}
+
+} // namespace
+
 LogEntry& LogEntry::FormatMessage() {
     const char* indent = kIndent.text[m_depth < kDepthLevels ? m_depth : kDepthLevels - 1].data();
-    const std::string stamp = LogUtils::GetTimeStamp(m_time);
-    char header[103];
-    int n = std::snprintf(header, sizeof(header), "[%s %.3s %05u:%05u %c] %s", stamp.c_str(),
-                          m_category.c_str(), static_cast<unsigned>(m_pid),
-                          static_cast<unsigned>(m_tid), m_levelChar, indent);
-    if (n < 0) {
-        n = 0;
-    } else if (static_cast<size_t>(n) >= sizeof(header)) {
-        n = sizeof(header) - 1;
-    }
+    // The header "[%s %.3s %05u:%05u %c] %s" (time stamp, category cut to three
+    // characters, ids, level letter, indentation) is assembled by hand: it is the
+    // hot part of the worker, and printf-style parsing would double its cost.
+    char header[kHeaderCapacity + 64];
+    char* p = header;
+    *p++ = '[';
+    p = PutTimeStamp(p, m_time);
+    *p++ = ' ';
+    p = std::copy_n(m_category.data(), std::min<size_t>(m_category.size(), 3), p);
+    *p++ = ' ';
+    p = PutUnsigned(p, m_pid, 5);
+    *p++ = ':';
+    p = PutUnsigned(p, m_tid, 5);
+    *p++ = ' ';
+    *p++ = m_levelChar;
+    *p++ = ']';
+    *p++ = ' ';
+    const size_t indentLength = std::strlen(indent);
+    const size_t headerLength =
+        std::min<size_t>(static_cast<size_t>(p - header) + indentLength, kHeaderCapacity);
+    const size_t fixedLength = static_cast<size_t>(p - header);
     m_formattedMessage.clear();
-    m_formattedMessage.reserve(static_cast<size_t>(n) + m_message.size());
-    m_formattedMessage.append(header, static_cast<size_t>(n));
+    m_formattedMessage.reserve(headerLength + m_message.size());
+    m_formattedMessage.append(header, std::min(fixedLength, headerLength));
+    if (headerLength > fixedLength) {
+        m_formattedMessage.append(indent, headerLength - fixedLength);
+    }
     // Every entry is one physical line: line feeds of the message become the raw
     // byte 0xB6, deliberately without any character-set encoding.
     const size_t start = m_formattedMessage.size();
-    m_formattedMessage.append(m_message);
-    for (size_t i = start; i < m_formattedMessage.size(); ++i) {
-        if (m_formattedMessage[i] == '\n') {
-            m_formattedMessage[i] = static_cast<char>(0xB6);
-        }
+    m_formattedMessage += m_message;
+    for (size_t lf = m_formattedMessage.find('\n', start); lf != std::string::npos;
+         lf = m_formattedMessage.find('\n', lf + 1)) {
+        m_formattedMessage[lf] = static_cast<char>(0xB6);
     }
     return *this;
 }

@@ -12,6 +12,8 @@ public:
     virtual ~LogSetup();
     bool Initialize(const char* levelText);
     std::shared_ptr<Log> GetLog() const;
+    // Lets the callers' fast path test for a log without touching its reference count.
+    bool HasLog() const noexcept { return static_cast<bool>(m_log); }
 
 protected:
     std::shared_ptr<Log> m_log;

@@ -2,8 +2,6 @@
 
 #include <cerrno>
 #include <fcntl.h>
-#include <sys/uio.h>
-#include <cstring>
 #include <unistd.h>
 #include <utility>
 
@@ -53,38 +51,37 @@ LoggerFile::~LoggerFile() {
 
 void LoggerFile::OnLogEntryAdded(const LogEntry& entry) {
     try {
-        Write(entry.m_formattedMessage, "\n");
+        std::lock_guard<std::mutex> lock(m_fileMutex);
+        // One reused buffer: after the first lines an entry costs no allocation,
+        // and line and line feed leave in a single write().
+        m_line.assign(entry.m_formattedMessage);
+        m_line += '\n';
+        WriteLocked(m_line);
     } catch (...) {
     }
 }
 
-void LoggerFile::Write(const std::string& text, const char* terminator) {
+void LoggerFile::Write(const std::string& text) {
     std::lock_guard<std::mutex> lock(m_fileMutex);
+    WriteLocked(text);
+}
+
+void LoggerFile::WriteLocked(const std::string& text) {
     if (m_file < 0) {
         return; // a sink whose file never opened writes nothing
     }
-    // The line and its terminator leave in one system call, so each line is
-    // flushed to the file without first being copied.
-    iovec parts[2] = {{const_cast<char*>(text.data()), text.size()},
-                      {const_cast<char*>(terminator), std::strlen(terminator)}};
-    int first = 0;
-    while (first < 2) {
-        const ssize_t n = ::writev(m_file, parts + first, 2 - first);
+    const char* data = text.data();
+    size_t left = text.size();
+    while (left > 0) {
+        const ssize_t n = ::write(m_file, data, left);
         if (n < 0) {
             if (errno == EINTR) {
                 continue;
             }
             return; // write errors are ignored
         }
-        size_t done = static_cast<size_t>(n);
-        while (first < 2 && done >= parts[first].iov_len) {
-            done -= parts[first].iov_len;
-            ++first;
-        }
-        if (first < 2) {
-            parts[first].iov_base = static_cast<char*>(parts[first].iov_base) + done;
-            parts[first].iov_len -= done;
-        }
+        data += n;
+        left -= static_cast<size_t>(n);
     }
 }
 

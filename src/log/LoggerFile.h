@@ -21,7 +21,8 @@ public:
     bool IsOpen() const { return m_file >= 0; }
 
 private:
-    void Write(const std::string& text, const char* terminator = "");
+    void Write(const std::string& text);
+    void WriteLocked(const std::string& text);
     void Close();
 
     // A plain descriptor rather than a stream: it can be opened close-on-exec, so
@@ -31,6 +32,7 @@ private:
     // The worker writes entries while the owner writes the footer; after a flush
     // that timed out on a slow disk both may still be busy at once.
     std::mutex m_fileMutex;
+    std::string m_line;
     std::shared_ptr<ILogListener> m_selfListener;
 };
 

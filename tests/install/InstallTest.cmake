@@ -125,7 +125,13 @@ if(NOT cameras EQUAL 1)
   message(FATAL_ERROR "installed probe lists ${cameras} cameras, expected the one emulated camera")
 endif()
 # Without TAVIK_UMD_PATH the installed library finds the installed emulator by its
-# known name, through its own RUNPATH.
+# known name, through its own RUNPATH. A sanitizer runtime intercepts dlopen, so
+# the loader sees the runtime as the caller and never consults the library's
+# RUNPATH; that lookup can only be checked in an ordinary build.
+if(C_FLAGS MATCHES "-fsanitize")
+  message(STATUS "installed tree at ${STAGE} works (known-name lookup not checked under a sanitizer)")
+  return()
+endif()
 run_checked("installed probe, known module names" "${STAGE}/${BINDIR}/tavik-ddi-probe" --json)
 string(JSON module GET "${RUN_OUTPUT}" drivers 4 module)
 get_filename_component(module_real "${module}" REALPATH)

@@ -186,19 +186,6 @@ TEST(LogOrdering, SeveralProducersLoseNothingAndKeepTheirOwnOrder) {
     }
 }
 
-TEST(LogOrdering, FormattedLineIsReadyBeforeDelivery) {
-    Log log(LogEntry::Trace);
-    auto l = std::make_shared<RecordingListener>();
-    log.AddListener(Weak(l));
-    log.AddEntry("DDI", LogEntry::Warning, "%s", "hello");
-    log.Flush(0);
-    const auto lines = l->Lines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_TRUE(std::regex_match(lines[0].formatted,
-                                 std::regex(R"(\[\d{6}\.\d{6} DDI \d{5,}:\d{5,} W\] hello)")))
-        << lines[0].formatted;
-}
-
 // ---------------------------------------------------------------------------
 // Listeners dying and order of delivery
 

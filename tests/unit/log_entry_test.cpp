@@ -86,25 +86,6 @@ TEST(LogEntryLine, EveryLineFeedOfTheMessageBecomesByteB6) {
     EXPECT_EQ(entry.m_message, "x\ny") << "the message itself is kept for the console";
 }
 
-TEST(LogEntryLine, LongMessageIsNeverCut) {
-    const std::string big(5000, 'z');
-    const std::string line = Formatted("DDI", 2, 31, big);
-    EXPECT_EQ(line.substr(line.size() - big.size()), big);
-}
-
-TEST(LogEntryLine, CapturesIdsTimeAndDepth) {
-    const auto before = std::chrono::system_clock::now();
-    LogEntry entry("DDI", LogEntry::Debug, 7, "m");
-    const auto after = std::chrono::system_clock::now();
-    EXPECT_EQ(entry.m_pid, kt::LogUtils::GetCurrentProcessId());
-    EXPECT_EQ(entry.m_tid, kt::LogUtils::GetCurrentThreadId());
-    EXPECT_EQ(entry.m_depth, 7);
-    EXPECT_EQ(entry.m_levelChar, 'D');
-    EXPECT_TRUE(entry.m_formattedMessage.empty());
-    EXPECT_GE(entry.m_time, before);
-    EXPECT_LE(entry.m_time, after);
-}
-
 // ---------------------------------------------------------------------------
 // LogFn
 

@@ -73,15 +73,6 @@ TEST(LogSetupLevel, NullTextMeansNoLog) {
     EXPECT_FALSE(setup.GetLog());
 }
 
-TEST(LogSetupLevel, ReinitialisingReplacesTheLog) {
-    LogSetup setup("E");
-    const auto first = setup.GetLog();
-    ASSERT_TRUE(setup.Initialize("D"));
-    const auto second = setup.GetLog();
-    EXPECT_NE(first.get(), second.get());
-    EXPECT_EQ(MaxLevelOf(second), LogEntry::Debug);
-}
-
 class LogSetupFileTest : public ::testing::Test {
 protected:
     void SetUp() override {

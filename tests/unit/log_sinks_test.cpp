@@ -183,19 +183,6 @@ TEST_F(FileSinkTest, InertSinksCreateNothingAndWriteNothing) {
     EXPECT_EQ(CountDescriptors(), fds);
 }
 
-TEST_F(FileSinkTest, TwoSinksOnOneLogEachWriteTheirOwnBlock) {
-    const size_t fds = CountDescriptors();
-    auto log = std::make_shared<Log>(LogEntry::Trace);
-    {
-        LoggerFile first(log, m_path.c_str());
-        LoggerFile second(log, m_path.c_str());
-        EXPECT_TRUE(second.IsOpen()) << "distinct sinks are distinct listeners";
-    }
-    EXPECT_EQ(CountDescriptors(), fds);
-    const auto lines = ReadLines(m_path);
-    EXPECT_EQ(lines.size(), 14u) << "two sinks, two blocks";
-}
-
 TEST_F(FileSinkTest, FileIsOpenedCloseOnExecAndReleasedAtDestruction) {
     const size_t fds = CountDescriptors();
     {
@@ -218,23 +205,6 @@ TEST_F(FileSinkTest, FileIsOpenedCloseOnExecAndReleasedAtDestruction) {
         EXPECT_TRUE(checked);
     }
     EXPECT_EQ(CountDescriptors(), fds);
-}
-
-TEST_F(FileSinkTest, ExistingContentIsKept) {
-    {
-        FILE* f = std::fopen(m_path.c_str(), "w");
-        ASSERT_NE(f, nullptr);
-        std::fputs("earlier run\n", f);
-        std::fclose(f);
-    }
-    {
-        auto log = std::make_shared<Log>(LogEntry::Trace);
-        LoggerFile sink(log, m_path.c_str());
-    }
-    const auto lines = ReadLines(m_path);
-    ASSERT_EQ(lines.size(), 8u);
-    EXPECT_EQ(lines[0], "earlier run");
-    EXPECT_EQ(ExpectBlock(lines, 1, {}, ""), lines.size());
 }
 
 // ---------------------------------------------------------------------------

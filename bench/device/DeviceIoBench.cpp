@@ -1,0 +1,366 @@
+// Device I/O and notifications through the shipped library against the raw
+// system calls on the same node, in one run.
+//
+// The program enters a private mount namespace with its own /dev and loads
+// three copies of libtavikDDI (each copy is a separate instance that reads
+// the log variables at its own load): one without a log, one logging at Info,
+// one at Trace. Nodes: tavikSW_0 is the kernel's zero device (reads fill,
+// writes vanish: no draining in the timed loop), tavikSW_1 a FIFO that also
+// plays a simulated camera for notifications.
+//
+//   bench_device_io [--benchmark_repetitions=N ...]
+// prints Google Benchmark's table, then the ratios of the medians.
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+#include <dlfcn.h>
+
+#include <tavik/tavik.h>
+
+#include "ChildProcess.h"
+#include "DdiLibrary.h"
+#include "FakeDev.h"
+#include "SimCamera.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+const char kZeroNode[] = "/dev/tavikSW_0";
+const char kCameraNode[] = "/dev/tavikSW_1";
+
+// One loaded copy of the library with its camera list.
+struct Instance {
+  const char* label = "";
+  void* handle = nullptr;
+  tavik_ddi_init_fn init = nullptr;
+  tavik_ddi_uninit_fn uninit = nullptr;
+  Ddi ddi{};
+  tavik_driver_device* zero = nullptr;
+  tavik_driver_device* camera = nullptr;
+};
+
+Instance g_inst[3];  // 0 no log, 1 Info, 2 Trace
+tavik_test::SimCamera* g_cam = nullptr;
+std::string g_tmp;
+
+bool LoadInstance(Instance& in, const char* label, const char* level) {
+  in.label = label;
+  std::string copy = g_tmp + "/libtavikDDI-" + label + ".so";
+  fs::copy_file(tavik_test::DdiLibrary::Path(), copy, fs::copy_options::overwrite_existing);
+  if (level == nullptr) {
+    unsetenv("TAVIK_DDI_LOG_FILE");
+  } else {
+    setenv("TAVIK_DDI_LOG_FILE", (g_tmp + "/" + label + ".log").c_str(), 1);
+    setenv("TAVIK_DDI_LOG_LEVEL", level, 1);
+  }
+  in.handle = dlopen(copy.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (in.handle == nullptr) {
+    std::fprintf(stderr, "dlopen %s: %s\n", copy.c_str(), dlerror());
+    return false;
+  }
+  in.init = reinterpret_cast<tavik_ddi_init_fn>(dlvsym(in.handle, "tavik_ddi_init", TAVIK_DDI_VERSION_NODE));
+  in.uninit = reinterpret_cast<tavik_ddi_uninit_fn>(dlvsym(in.handle, "tavik_ddi_uninit", TAVIK_DDI_VERSION_NODE));
+  if (in.init == nullptr || in.uninit == nullptr || in.init(&in.ddi) != KZ_ERR_NONE || in.ddi.cam_count != 2) {
+    std::fprintf(stderr, "%s: init failed or found %u cameras\n", label, in.ddi.cam_count);
+    return false;
+  }
+  in.zero = in.ddi.devices[0];
+  in.camera = in.ddi.devices[1];
+  return true;
+}
+
+// ---- open + close -------------------------------------------------------
+
+void BM_Raw_OpenClose(benchmark::State& state) {
+  for (auto _ : state) {
+    int fd = open(kZeroNode, O_RDWR);
+    benchmark::DoNotOptimize(fd);
+    close(fd);
+  }
+}
+
+void BM_Ddi_OpenClose(benchmark::State& state) {
+  tavik_driver_device* d = g_inst[state.range(0)].zero;
+  for (auto _ : state) {
+    if (d->open(d) != KZ_ERR_NONE) state.SkipWithError("open");
+    d->close(d);
+  }
+}
+
+// ---- read / write of 64 bytes -------------------------------------------
+
+void BM_Raw_Read(benchmark::State& state) {
+  int fd = open(kZeroNode, O_RDWR);
+  uns8 buf[64];
+  for (auto _ : state) benchmark::DoNotOptimize(read(fd, buf, sizeof buf));
+  close(fd);
+}
+
+void BM_Ddi_Read(benchmark::State& state) {
+  tavik_driver_device* d = g_inst[state.range(0)].zero;
+  d->open(d);
+  uns8 buf[64];
+  uns16 n = 0;
+  for (auto _ : state) benchmark::DoNotOptimize(d->read(d, buf, sizeof buf, &n));
+  d->close(d);
+}
+
+void BM_Raw_Write(benchmark::State& state) {
+  int fd = open(kZeroNode, O_RDWR);
+  uns8 buf[64] = {1, 2, 3};
+  for (auto _ : state) benchmark::DoNotOptimize(write(fd, buf, sizeof buf));
+  close(fd);
+}
+
+void BM_Ddi_Write(benchmark::State& state) {
+  tavik_driver_device* d = g_inst[state.range(0)].zero;
+  d->open(d);
+  uns8 buf[64] = {1, 2, 3};
+  uns16 n = 0;
+  for (auto _ : state) benchmark::DoNotOptimize(d->write(d, buf, sizeof buf, &n));
+  d->close(d);
+}
+
+// ---- a request code the node answers (FIONREAD on the FIFO) -------------
+
+void BM_Raw_Ioctl(benchmark::State& state) {
+  int fd = open(kCameraNode, O_RDWR);
+  int pending = 0;
+  for (auto _ : state) benchmark::DoNotOptimize(ioctl(fd, FIONREAD, &pending));
+  close(fd);
+}
+
+void BM_Ddi_Ioctl(benchmark::State& state) {
+  tavik_driver_device* d = g_inst[state.range(0)].camera;
+  d->open(d);
+  int pending = 0;
+  for (auto _ : state) benchmark::DoNotOptimize(d->ioctl(d, FIONREAD, &pending));
+  d->close(d);
+}
+
+// ---- notification latency: Push() to the callback -----------------------
+
+std::atomic<int64_t> g_deliveredAt{0};
+
+int64_t Now() { return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch()).count(); }
+
+int16 OnNotification(tavik_driver_device*, tavik_notif*) {
+  g_deliveredAt.store(Now(), std::memory_order_release);
+  return KZ_ERR_NONE;
+}
+
+// Pushes one event per iteration and waits for its callback; reports the
+// median and 99th percentile in microseconds as counters.
+void MeasureLatency(benchmark::State& state) {
+  std::vector<double> us;
+  us.reserve(4096);
+  for (auto _ : state) {
+    g_deliveredAt.store(0);
+    int64_t t0 = Now();
+    g_cam->Push({NOTIFICATION_EOF});
+    int64_t t1;
+    while ((t1 = g_deliveredAt.load(std::memory_order_acquire)) == 0) {
+    }
+    double sample = static_cast<double>(t1 - t0) / 1000.0;
+    us.push_back(sample);
+    state.SetIterationTime(sample / 1e6);
+  }
+  std::sort(us.begin(), us.end());
+  if (!us.empty()) {
+    state.counters["p50_us"] = us[us.size() / 2];
+    state.counters["p99_us"] = us[std::min(us.size() - 1, us.size() * 99 / 100)];
+  }
+}
+
+void BM_Raw_NotifyLatency(benchmark::State& state) {
+  // The plain loop a driver-less reader would write: poll for POLLPRI, fetch
+  // the list with the request code, hand each record to the callback.
+  int fd = open(kCameraNode, O_RDWR);
+  int stopPipe[2];
+  if (pipe(stopPipe) != 0) state.SkipWithError("pipe");
+  tavik_notif_list* list = static_cast<tavik_notif_list*>(calloc(1, sizeof(tavik_notif_list)));
+  list->capacity = TAVIK_NOTIF_LIST_CAPACITY;
+  std::thread reader([&] {
+    struct pollfd p[2] = {{fd, POLLPRI, 0}, {stopPipe[0], POLLIN, 0}};
+    for (;;) {
+      if (poll(p, 2, -1) < 0) continue;
+      if (p[1].revents) break;
+      if (p[0].revents & POLLPRI) {
+        list->count = 0;
+        if (ioctl(fd, TAVIK_IOC_GET_NOTIFICATIONS, list) == 0)
+          for (unsigned i = 0; i < list->count; ++i) OnNotification(nullptr, &list->notifications[i]);
+      }
+    }
+  });
+  MeasureLatency(state);
+  close(stopPipe[1]);
+  reader.join();
+  close(stopPipe[0]);
+  free(list);
+  close(fd);
+}
+
+void BM_Ddi_NotifyLatency(benchmark::State& state) {
+  tavik_driver_device* d = g_inst[state.range(0)].camera;
+  d->open(d);
+  if (d->start_notif_thread(d, OnNotification) != KZ_ERR_NONE) state.SkipWithError("start");
+  MeasureLatency(state);
+  d->stop_notif_thread(d);
+  d->close(d);
+}
+
+// ---- tavik_ddi_init with 16 nodes and two modules -------------------------
+
+void BM_Ddi_Init16Nodes2Modules(benchmark::State& state) {
+  Instance& in = g_inst[0];
+  for (auto _ : state) {
+    Ddi ddi;
+    std::memset(&ddi, 0, sizeof ddi);
+    auto t0 = Clock::now();
+    int16 rc = in.init(&ddi);
+    auto t1 = Clock::now();
+    if (rc != KZ_ERR_NONE || ddi.cam_count != 16) state.SkipWithError("init");
+    in.uninit(&ddi);
+    state.SetIterationTime(std::chrono::duration<double>(t1 - t0).count());
+  }
+}
+
+// Keeps the medians for the ratio table.
+class MedianReporter : public benchmark::ConsoleReporter {
+ public:
+  std::map<std::string, double> median;
+  std::map<std::string, double> medianCpu;
+  std::map<std::string, std::map<std::string, double>> counters;
+  void ReportRuns(const std::vector<Run>& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (const Run& r : runs) {
+      if (r.run_type == Run::RT_Aggregate && r.aggregate_name != "median") continue;
+      std::string name = r.run_name.str();
+      median[name] = r.GetAdjustedRealTime();
+      medianCpu[name] = r.GetAdjustedCPUTime();
+      for (const auto& [k, v] : r.counters) counters[name][k] = v.value;
+    }
+  }
+};
+
+const char* kLevels[] = {"nolog", "info", "trace"};
+
+void Register() {
+  auto levels = [](benchmark::internal::Benchmark* b) {
+    b->ArgName("log")->Arg(0)->Arg(1)->Arg(2);
+  };
+  benchmark::RegisterBenchmark("Raw_OpenClose", BM_Raw_OpenClose);
+  benchmark::RegisterBenchmark("Ddi_OpenClose", BM_Ddi_OpenClose)->Apply(levels);
+  benchmark::RegisterBenchmark("Raw_Read64", BM_Raw_Read);
+  benchmark::RegisterBenchmark("Ddi_Read64", BM_Ddi_Read)->Apply(levels);
+  benchmark::RegisterBenchmark("Raw_Write64", BM_Raw_Write);
+  benchmark::RegisterBenchmark("Ddi_Write64", BM_Ddi_Write)->Apply(levels);
+  benchmark::RegisterBenchmark("Raw_IoctlFIONREAD", BM_Raw_Ioctl);
+  benchmark::RegisterBenchmark("Ddi_IoctlFIONREAD", BM_Ddi_Ioctl)->Apply(levels);
+  benchmark::RegisterBenchmark("Raw_NotifyLatency", BM_Raw_NotifyLatency)->UseManualTime()->Iterations(3000);
+  benchmark::RegisterBenchmark("Ddi_NotifyLatency", BM_Ddi_NotifyLatency)
+      ->Apply(levels)->UseManualTime()->Iterations(3000);
+  benchmark::RegisterBenchmark("Ddi_Init16Nodes2Modules", BM_Ddi_Init16Nodes2Modules)->UseManualTime()->Iterations(300);
+}
+
+void PrintRatios(const MedianReporter& rep) {
+  auto get = [&](const std::map<std::string, double>& m, const std::string& n) {
+    auto it = m.find(n);
+    return it == m.end() ? 0.0 : it->second;
+  };
+  // CPU time is printed beside wall time: on a shared machine the wall time
+  // of a syscall loop carries other processes' scheduling.
+  std::printf("\nRatios of medians against the raw call on the same node (target <= 1.05 without a log):\n");
+  std::printf("%-16s %9s %9s %9s %9s | %9s %9s %9s %9s\n", "operation", "raw ns", "nolog", "info", "trace",
+              "raw cpu", "nolog", "info", "trace");
+  for (const char* op : {"OpenClose", "Read64", "Write64", "IoctlFIONREAD"}) {
+    double raw = get(rep.median, std::string("Raw_") + op);
+    double rawCpu = get(rep.medianCpu, std::string("Raw_") + op);
+    std::printf("%-16s %9.1f", op, raw);
+    for (int l = 0; l < 3; ++l) {
+      double v = get(rep.median, std::string("Ddi_") + op + "/log:" + std::to_string(l));
+      std::printf(" %9.3f", raw > 0 ? v / raw : 0.0);
+    }
+    std::printf(" | %9.1f", rawCpu);
+    for (int l = 0; l < 3; ++l) {
+      double v = get(rep.medianCpu, std::string("Ddi_") + op + "/log:" + std::to_string(l));
+      std::printf(" %9.3f", rawCpu > 0 ? v / rawCpu : 0.0);
+    }
+    std::printf("\n");
+  }
+  auto counter = [&](const std::string& n, const char* c) {
+    auto it = rep.counters.find(n);
+    if (it == rep.counters.end()) return 0.0;
+    auto jt = it->second.find(c);
+    return jt == it->second.end() ? 0.0 : jt->second;
+  };
+  std::string rawLat = "Raw_NotifyLatency/iterations:3000/manual_time";
+  std::printf("\nNotification latency, event to callback (target p50 ratio <= 1.2 without a log):\n");
+  std::printf("%-10s %10s %10s %10s\n", "", "p50 us", "p99 us", "p50 ratio");
+  double rp50 = counter(rawLat, "p50_us");
+  std::printf("%-10s %10.1f %10.1f %10s\n", "raw", rp50, counter(rawLat, "p99_us"), "1.000");
+  for (int l = 0; l < 3; ++l) {
+    std::string n = "Ddi_NotifyLatency/log:" + std::to_string(l) + "/iterations:3000/manual_time";
+    double p50 = counter(n, "p50_us");
+    std::printf("%-10s %10.1f %10.1f %10.3f\n", kLevels[l], p50, counter(n, "p99_us"), rp50 > 0 ? p50 / rp50 : 0.0);
+  }
+  std::printf("\ntavik_ddi_init, 16 nodes and two modules, median: %.1f us\n",
+              get(rep.median, "Ddi_Init16Nodes2Modules/iterations:300/manual_time") / 1000.0);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string why;
+  if (!tavik_test::TryEnterPrivateDev(&why)) {
+    std::printf("bench_device_io needs a private /dev: %s\n", why.c_str());
+    return 0;
+  }
+  char tmpl[] = "/tmp/tavik-bench-XXXXXX";
+  if (mkdtemp(tmpl) == nullptr) return 1;
+  g_tmp = tmpl;
+  if (mknod(kZeroNode, S_IFCHR | 0666, makedev(1, 5)) != 0 || mkfifo(kCameraNode, 0666) != 0) {
+    std::printf("cannot create the nodes: %s\n", std::strerror(errno));
+    return 1;
+  }
+  g_cam = tavik_test::SimCamera::Attach(kCameraNode);
+  unsetenv("TAVIK_UMD_PATH");
+  if (g_cam == nullptr || !LoadInstance(g_inst[0], "nolog", nullptr) || !LoadInstance(g_inst[1], "info", "info") ||
+      !LoadInstance(g_inst[2], "trace", "trace"))
+    return 1;
+  // For the init figure: two modules and sixteen PCIe nodes.
+  std::string modules = g_tmp + "/modules";
+  fs::create_directories(modules);
+  fs::copy_file(std::string(TAVIK_TEST_FIXTURES_DIR) + "/good/tavik_good.x86_64.umd", modules + "/tavik_good.x86_64.umd");
+  fs::copy_file(std::string(TAVIK_TEST_FIXTURES_DIR) + "/usb/tavik_usbdrv.x86_64.umd", modules + "/tavik_usbdrv.x86_64.umd");
+  for (int i = 0; i < 16; ++i) mkfifo(("/dev/tavikPCIE_" + std::to_string(i)).c_str(), 0666);
+  setenv("TAVIK_UMD_PATH", modules.c_str(), 1);
+
+  benchmark::Initialize(&argc, argv);
+  Register();
+  MedianReporter rep;
+  benchmark::RunSpecifiedBenchmarks(&rep);
+  PrintRatios(rep);
+  benchmark::Shutdown();
+  for (Instance& in : g_inst) in.uninit(&in.ddi);
+  tavik_test::RemoveTree(g_tmp);
+  return 0;
+}
