@@ -17,12 +17,13 @@ set(TAVIK_INSTALL_MODULEDIR ${CMAKE_INSTALL_LIBDIR}/tavik/modules)
 # installed copy gets it: in the build tree, tests decide where modules come from.
 file(RELATIVE_PATH TAVIK_LIB_TO_MODULES
   /prefix/${CMAKE_INSTALL_LIBDIR} /prefix/${TAVIK_INSTALL_MODULEDIR})
-# SKIP_BUILD_RPATH keeps the build-tree copy free of any run path (CMake would
-# otherwise pad it with empty entries, which the loader reads as the current
-# directory) and makes CMake relink the installed copy instead.
+# The build-tree copy carries the same relative path (there is no
+# lib/tavik/modules in the build tree, so it finds nothing there): a separate
+# build path would be padded by CMake with empty entries, which the loader
+# reads as the current directory.
 set_target_properties(tavikDDI PROPERTIES
   INSTALL_RPATH "$ORIGIN/${TAVIK_LIB_TO_MODULES}"
-  SKIP_BUILD_RPATH ON)
+  BUILD_WITH_INSTALL_RPATH ON)
 
 # The target already carries its installed include folder in its interface.
 install(TARGETS tavikDDI EXPORT TavikDDITargets

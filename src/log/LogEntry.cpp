@@ -82,14 +82,19 @@ char* PutUnsigned(char* out, uint32_t value, int minWidth) {
 
 // The worker formats every entry; breaking the same second into local time again
 // and again is most of the cost of a time stamp, so each thread keeps the hours,
-// minutes and seconds of the last second it saw.
+// minutes and seconds of the last second it saw. The cache is trivially
+// destructible on purpose: a thread-local with a destructor registers it with the
+// loader, which takes the loader's lock (a worker formatting its last entries
+// while the library is being unloaded would wait on it forever) and pins the
+// library in memory until the thread ends.
 struct SecondText {
-    long long second = 0;
-    bool valid = false;
-    std::string hms;
+    long long second;
+    bool valid;
+    uint8_t length;
+    char hms[16];
 };
 
-thread_local SecondText t_lastSecond;
+thread_local SecondText t_lastSecond{0, false, 0, {}};
 
 // Writes "HHMMSS.uuuuuu" at out; returns the position after it.
 char* PutTimeStamp(char* out, const TimePoint& time) {
@@ -98,13 +103,15 @@ char* PutTimeStamp(char* out, const TimePoint& time) {
     if (!t_lastSecond.valid || t_lastSecond.second != second) {
         // GetTimeStamp gives "HHMMSS.uuuuuu"; only the part before the point is kept.
         const std::string stamp = LogUtils::GetTimeStamp(time);
-        t_lastSecond.hms.assign(stamp, 0, std::min<size_t>(stamp.find('.'), 16));
+        const size_t length = std::min<size_t>(stamp.find('.'), sizeof(t_lastSecond.hms));
+        std::memcpy(t_lastSecond.hms, stamp.data(), length);
+        t_lastSecond.length = static_cast<uint8_t>(length);
         t_lastSecond.second = second;
         t_lastSecond.valid = true;
     }
     const long long us = ns / 1000;
     const unsigned micros = static_cast<unsigned>(us - (us / 1000000) * 1000000);
-    out = std::copy(t_lastSecond.hms.begin(), t_lastSecond.hms.end(), out);
+    out = std::copy_n(t_lastSecond.hms, t_lastSecond.length, out);
     *out++ = '.';
     return PutUnsigned(out, micros, 6);
 }

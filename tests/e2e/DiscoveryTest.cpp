@@ -311,6 +311,7 @@ TEST_F(Discovery, KnownNamesAreFoundThroughTheLoaderPath) {
     unsetenv("TAVIK_DDI_LOG_LEVEL");
     setenv("LD_LIBRARY_PATH", FixtureDir("known").c_str(), 1);
     setenv("TAVIK_DDI_LOG_FILE", ctx_.LogPath().c_str(), 1);
+    setenv("TAVIK_FIXTURE_CALLS", ctx_.CallsPath().c_str(), 1);
     FILE* f = std::freopen(out.c_str(), "w", stdout);
     if (f == nullptr) _exit(3);
     execl(TAVIK_E2E_LOADER, TAVIK_E2E_LOADER, "--private-dev", static_cast<char*>(nullptr));
@@ -332,6 +333,11 @@ TEST_F(Discovery, KnownNamesAreFoundThroughTheLoaderPath) {
                          usb + "\nslot 3 mode 1 path \nslot 4 mode 0 path " + virt +
                          "\ncamera 0 tavik_usb-0\ncamera 1 tavik_virtual-0\ncamera 2 tavik_virtual-1\nuninit 0\n";
   EXPECT_EQ(printed, expected);
+  // Uninit unloads the slots in index order: USB (2) before virtual (4).
+  std::string calls = Calls();
+  ASSERT_NE(calls.find("tavik_usb uninit"), std::string::npos) << calls;
+  ASSERT_NE(calls.find("tavik_virtual uninit"), std::string::npos) << calls;
+  EXPECT_LT(calls.find("tavik_usb uninit"), calls.find("tavik_virtual uninit")) << calls;
   LogFile log = Log();
   LogCursor c(log);
   EXPECT_TRUE(c.Next('I', sig::kLoadUserMode, "Loading 'tavik_usb.x86_64.umd'...", 3));

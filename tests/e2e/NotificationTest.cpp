@@ -195,6 +195,29 @@ TEST_F(Notifications, FailedRequestIsLoggedAndTheThreadGoesOn) {
       << log.Dump();
 }
 
+TEST_F(Notifications, PollErrorsAreRetriedEintrLoggedEagainSilent) {
+  if (!WithCamera([&](Session&, tavik_driver_device* d, SimCamera* cam) {
+        // EAGAIN is retried at once without a word; EINTR is an error like any other.
+        cam->FailPolls(EAGAIN, 3);
+        ASSERT_EQ(d->start_notif_thread(d, Callback), KZ_ERR_NONE);
+        ASSERT_TRUE(WaitPolls(cam, 4));
+        // The waiting poll wakes for the first record; the next two polls fail.
+        cam->FailPolls(EINTR, 2);
+        cam->Push({NOTIFICATION_BOF});
+        ASSERT_TRUE(g_rec.WaitFor(1));
+        cam->Push({NOTIFICATION_EOF});
+        ASSERT_TRUE(g_rec.WaitFor(2)) << "the thread must go on after poll errors";
+        EXPECT_EQ(d->stop_notif_thread(d), KZ_ERR_NONE);
+        ASSERT_EQ(g_rec.Got().size(), 2u);
+      }))
+    return;
+  LogFile log = Log();
+  EXPECT_TRUE(TraceIsBalanced(log));
+  EXPECT_EQ(log.Count('E', "_kernel_notif_thread", ">>> 'tavikSW_0': Poll error 4 (Interrupted system call)"), 2u)
+      << log.Dump();
+  EXPECT_EQ(log.Count('E', "_kernel_notif_thread", Re(">>> 'tavikSW_0': Poll error 11 .*")), 0u);
+}
+
 TEST_F(Notifications, StopWakesAThreadBlockedInPoll) {
   WithCamera([&](Session&, tavik_driver_device* d, SimCamera* cam) {
     size_t threads = CountThreads();

@@ -41,7 +41,7 @@ class ChildTest : public ::testing::Test {
   // exit(), so a library still loaded is torn down as at process end and its
   // log footer is written. Returns true when the child passed; otherwise the
   // case is already marked failed or skipped, and the caller should return.
-  bool RunInChild(const std::function<void(ChildContext&)>& body, int timeoutSec = 120);
+  bool RunInChild(const std::function<void(ChildContext&)>& body, int timeoutSec = 60);
 
   // Reads a text file of the scratch folder (empty when missing).
   std::string ReadScratch(const std::string& name) const;

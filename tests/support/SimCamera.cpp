@@ -24,6 +24,8 @@ struct SimCameraAccess {
     std::deque<std::vector<uint32_t>> batches;
     int failErr = 0;
     int failCount = 0;
+    std::atomic<int> pollFailErr{0};
+    std::atomic<int> pollFailCount{0};
     std::atomic<int> requests{0};
     std::atomic<int> polls{0};
     std::atomic<int> capacity{-1};
@@ -81,6 +83,12 @@ void SimCamera::FailRequests(int err, int n) {
   std::lock_guard<std::mutex> lock(s.mutex);
   s.failErr = err;
   s.failCount = n;
+}
+
+void SimCamera::FailPolls(int err, int n) {
+  auto& s = StateOf(this);
+  s.pollFailErr.store(err);
+  s.pollFailCount.store(n);
 }
 
 int SimCamera::Requests() const { return StateOf(this).requests.load(); }
@@ -172,6 +180,17 @@ extern "C" __attribute__((visibility("default"))) int poll(struct pollfd* fds, n
     }
   }
   if (!any) return RealPoll()(fds, nfds, timeout);
+
+  for (nfds_t i = 0; i < nfds; ++i) {
+    if (cams[i] < 0) continue;
+    auto& st = tavik_test::SimCameraAccess::states[cams[i]];
+    if (st.pollFailCount.load() > 0) {
+      st.pollFailCount.fetch_sub(1);
+      st.polls.fetch_add(1);
+      errno = st.pollFailErr.load();
+      return -1;
+    }
+  }
 
   // Wait on the cameras' eventfds instead of their nodes; the blocking stays real.
   struct pollfd swapped[kMaxSwap];

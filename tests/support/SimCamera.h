@@ -22,6 +22,8 @@ class SimCamera {
   void Push(const std::vector<uint32_t>& types);
   // The next n notification requests fail with err.
   void FailRequests(int err, int n);
+  // The next n polls that wait on this camera fail at once with err.
+  void FailPolls(int err, int n);
 
   int Requests() const;           // notification requests answered or failed
   int PolledWaits() const;        // poll calls that waited on this camera

@@ -48,7 +48,8 @@ void SurveyDevices(const Ddi& ddi, ProbeReport& report) {
   }
 
   report.cameras.clear();
-  const unsigned count = ddi.cam_count < TAVIK_DDI_MAX_CAMERAS ? ddi.cam_count : TAVIK_DDI_MAX_CAMERAS;
+  const unsigned count =
+      ddi.cam_count < TAVIK_DDI_MAX_CAMERAS ? ddi.cam_count : TAVIK_DDI_MAX_CAMERAS;
   for (unsigned index = 0; index < count; ++index) {
     const tavik_driver_device* device = ddi.devices[index];
     CameraRecord record;
@@ -63,7 +64,9 @@ void SurveyDevices(const Ddi& ddi, ProbeReport& report) {
     record.path = FixedText(device->file_path);
     // The slot tells the bus without calling into a module's type function.
     for (unsigned slot = 0; slot < TAVIK_DRIVER_TYPE_COUNT; ++slot) {
-      if (ddi.drivers[slot] != nullptr && ddi.drivers[slot] == device->driver) record.slot = static_cast<int>(slot);
+      if (ddi.drivers[slot] != nullptr && ddi.drivers[slot] == device->driver) {
+        record.slot = static_cast<int>(slot);
+      }
     }
     if (record.slot >= 0) {
       const tavik_driver* driver = ddi.drivers[record.slot];

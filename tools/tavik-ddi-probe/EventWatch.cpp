@@ -41,8 +41,10 @@ std::atomic<EventQueue*> g_queue{nullptr};
 int16 OnNotification(tavik_driver_device* device, tavik_notif* notif) {
   EventQueue* queue = g_queue.load(std::memory_order_acquire);
   if (queue == nullptr || notif == nullptr) return KZ_ERR_NULL_POINTER;
-  const auto now = Clock::now();
   std::lock_guard<std::mutex> lock(queue->mutex);
+  // Stamped under the lock, so that the queue order of several cameras' threads
+  // is also the time order the probe prints.
+  const auto now = Clock::now();
   unsigned camera = TAVIK_DDI_MAX_CAMERAS;
   for (unsigned i = 0; i < TAVIK_DDI_MAX_CAMERAS; ++i) {
     if (queue->devices[i] == device) camera = i;

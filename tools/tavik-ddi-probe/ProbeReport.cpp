@@ -86,7 +86,6 @@ void WriteText(const ProbeReport& report, std::FILE* out) {
       std::fputc('\n', out);
     }
   }
-
 }
 
 void WriteTextClosing(const ProbeReport& report, std::FILE* out) {
@@ -96,7 +95,8 @@ void WriteTextClosing(const ProbeReport& report, std::FILE* out) {
       WriteOutcome(failure, out);
       std::fputc('\n', out);
     }
-    std::fprintf(out, "Watch ended%s: %llu events from %u camera(s)", report.watch.interrupted ? " (interrupted)" : "",
+    std::fprintf(out, "Watch ended%s: %llu events from %u camera(s)",
+                 report.watch.interrupted ? " (interrupted)" : "",
                  static_cast<unsigned long long>(report.watch.eventCount), report.watch.watched);
     if (report.watch.eventsDropped != 0) {
       std::fprintf(out, ", %llu not shown (queue full)",

@@ -4,8 +4,9 @@
  * waits for a few frames and takes everything down again in the core's order.
  * Exit status 0 only when every step worked and the frames arrived.
  */
-#define _POSIX_C_SOURCE 200809L /* setenv, pthread_cond_timedwait in strict C11 */
+#define _GNU_SOURCE /* setenv, dladdr in strict C11 */
 
+#include <dlfcn.h>
 #include <errno.h>
 #include <pthread.h>
 #include <stdio.h>
@@ -63,6 +64,10 @@ int main(void) {
   uns16 major = 0, minor = 0, build = 0;
   int16 rc = tavik_ddi_get_lib_version(&major, &minor, &build);
   if (rc != KZ_ERR_NONE) return fail("tavik_ddi_get_lib_version", rc, NULL);
+  /* Which copy of the library the loader picked: the test insists on the installed one. */
+  Dl_info where;
+  const char* library = dladdr((void*)&tavik_ddi_init, &where) && where.dli_fname ? where.dli_fname : "?";
+  printf("consumer: library '%s'\n", library);
   printf("consumer: libtavikDDI %u.%u.%u, modules in '%s'\n", major, minor, build,
          getenv("TAVIK_UMD_PATH") ? getenv("TAVIK_UMD_PATH") : "(unset)");
 
