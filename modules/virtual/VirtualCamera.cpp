@@ -69,7 +69,7 @@ int16 VirtualCamera::Open() {
   }
   {
     std::lock_guard<std::mutex> frame(m_frameMutex);
-    m_haveFrame = false;
+    ForgetFramesLocked();
   }
   m_frameCount.store(0);
   m_framesDropped.store(0);
@@ -103,8 +103,11 @@ int16 VirtualCamera::Read(uns8* data, uns16 dataBytes, uns16* dataBytesRead) {
   {
     std::lock_guard<std::mutex> frame(m_frameMutex);
     if (m_haveFrame) {
+      unsigned slot = m_newestSlot;
+      for (unsigned i = 0; m_deliveredFrame != 0 && i < kFrameRing; ++i)
+        if (m_slotFrame[i] == m_deliveredFrame) slot = i;
       copied = static_cast<uns16>(std::min<unsigned>(dataBytes, TAVIK_VIRTUAL_FRAME_BYTES));
-      memcpy(data, m_frames[m_front], copied);
+      memcpy(data, m_frames[slot], copied);
     }
   }
   if (dataBytesRead != nullptr) *dataBytesRead = copied;
@@ -224,7 +227,7 @@ int16 VirtualCamera::SetActive(const void* arg) {
   StopAcquisitionLocked();  // reaps a clock that ended at its frame limit
   {
     std::lock_guard<std::mutex> frame(m_frameMutex);
-    m_haveFrame = false;
+    ForgetFramesLocked();
   }
   m_frameCount.store(0);
   {
@@ -323,27 +326,31 @@ void VirtualCamera::EmitFrame(uint64_t frameNumber, uint64_t stampUs) {
   m_notifCv.notify_one();  // also delivers a BOF whose EOF a stop cut off
 }
 
+void VirtualCamera::ForgetFramesLocked() {
+  m_haveFrame = false;
+  m_deliveredFrame = 0;
+  for (uint64_t& number : m_slotFrame) number = 0;
+}
+
 void VirtualCamera::WriteFrame(uint64_t frameNumber, uint64_t stampUs) {
-  unsigned back;
-  {
-    std::lock_guard<std::mutex> frame(m_frameMutex);
-    back = 1 - m_front;
-  }
-  // Only this thread writes frames, and no reader looks at the back buffer.
-  uns8* out = m_frames[back];
+  // Built aside first: a reader may be copying out any slot right now.
+  alignas(64) uns8 built[TAVIK_VIRTUAL_FRAME_BYTES];
   tavik_virtual_frame_header header;
   header.frame_number = frameNumber;
   header.time_stamp_us = stampUs;
   header.camera_index = m_index;
   header.frame_bytes = TAVIK_VIRTUAL_FRAME_BYTES;
   header.check = ~frameNumber;
-  memcpy(out, &header, sizeof header);
+  memcpy(built, &header, sizeof header);
   uns16 pixels[TAVIK_VIRTUAL_FRAME_WORDS];
   for (uns32 j = 0; j < TAVIK_VIRTUAL_FRAME_WORDS; ++j)
     pixels[j] = tavik_virtual_frame_pixel(frameNumber, j);
-  memcpy(out + sizeof header, pixels, sizeof pixels);
+  memcpy(built + sizeof header, pixels, sizeof pixels);
+  const unsigned slot = static_cast<unsigned>(frameNumber % kFrameRing);
   std::lock_guard<std::mutex> frame(m_frameMutex);
-  m_front = back;
+  memcpy(m_frames[slot], built, sizeof built);
+  m_slotFrame[slot] = frameNumber;
+  m_newestSlot = slot;
   m_haveFrame = true;
 }
 
@@ -408,6 +415,11 @@ int16 VirtualCamera::StopNotifications() {
   }
   m_notifCv.notify_all();
   if (m_notifThread.joinable()) m_notifThread.join();
+  {
+    // With nobody told of frames any more, reads go back to the newest one.
+    std::lock_guard<std::mutex> frame(m_frameMutex);
+    m_deliveredFrame = 0;
+  }
   std::lock_guard<std::mutex> q(m_notifMutex);
   m_notifRunning = false;
   m_queueHead = 0;
@@ -432,6 +444,12 @@ void VirtualCamera::NotifyLoop(tavik_dcb_invoke_callback_fn callback) {
     m_queueCount -= n;
     lock.unlock();
     for (unsigned i = 0; i < n; ++i) {
+      if (batch[i].type == NOTIFICATION_EOF) {
+        tavik_virtual_notif_payload payload;
+        memcpy(&payload, batch[i].payload, sizeof payload);
+        std::lock_guard<std::mutex> frame(m_frameMutex);
+        m_deliveredFrame = payload.frame_number;
+      }
       // A failing callback is the core's business; the next record still goes out.
       (void)callback(m_device, &batch[i]);
       if (m_notifStop.load()) break;  // stop promptly, not after the whole batch

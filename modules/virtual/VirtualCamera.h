@@ -78,13 +78,19 @@ class VirtualCamera {
   std::atomic<uint64_t> m_frameCount{0};
   std::atomic<uint32_t> m_framesDropped{0};
 
-  // Double-buffered latest frame: the clock fills the back buffer unlocked and
-  // swaps under m_frameMutex; readers copy the front buffer under the same lock,
-  // so a reader never sees a frame being written.
+  // The last kFrameRing frames. A reader gets the frame whose EOF was handed to
+  // the core last (so a callback that reads on EOF gets that frame even when it
+  // runs late), or the newest frame when no EOF went out yet. The clock builds a
+  // frame aside and copies it in under m_frameMutex, and readers copy out under
+  // the same lock, so a read never tears.
+  static constexpr unsigned kFrameRing = 8;
+  void ForgetFramesLocked();
   std::mutex m_frameMutex;
-  unsigned m_front = 0;
+  unsigned m_newestSlot = 0;
   bool m_haveFrame = false;
-  alignas(64) uns8 m_frames[2][TAVIK_VIRTUAL_FRAME_BYTES];
+  uint64_t m_deliveredFrame = 0;  // guarded by m_frameMutex; 0: none delivered
+  uint64_t m_slotFrame[kFrameRing] = {};
+  alignas(64) uns8 m_frames[kFrameRing][TAVIK_VIRTUAL_FRAME_BYTES];
 
   // Notification queue (a ring) and its thread. m_notifCtlMutex serialises start
   // and stop; m_notifMutex guards the ring and the flags.

@@ -36,8 +36,12 @@
  * Stopping the thread discards what was still queued.
  *
  * read copies the first min(data_bytes, TAVIK_VIRTUAL_FRAME_BYTES) bytes of the
- * latest frame, every call from offset 0, and never returns a torn frame. Before
- * the first frame of an acquisition it succeeds with 0 bytes. write accepts and
+ * latest frame, every call from offset 0, and never returns a torn frame. While
+ * the notification thread runs, the latest frame is the one whose EOF was handed
+ * to the callback last (the camera keeps its last 8 frames), so a reader that
+ * reads on EOF gets that frame even when its callback runs late; before any EOF
+ * went out it is the newest frame. Before the first frame of an acquisition read
+ * succeeds with 0 bytes. write accepts and
  * discards the bytes (the emulated camera has no command channel).
  */
 #ifndef TAVIK_VIRTUAL_H
