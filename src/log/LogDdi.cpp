@@ -40,9 +40,7 @@ std::shared_ptr<Log> GetLog() {
     return current->GetLog();
 }
 
-std::unique_ptr<LogFn> CreateLogFn(const char* signature) {
-    // Every traced operation passes here: without a log the answer must cost a
-    // load and a test, no reference counting and no allocation.
+std::unique_ptr<LogFn> CreateTracedLogFn(const char* signature) {
     const LogSetup* current = setup.get();
     if (current == nullptr || !current->HasLog()) {
         return nullptr;

@@ -18,6 +18,7 @@
 
 #include "ddi/DdiTrace.h"
 #include "driver/kernel/tavik_driver_kernel.h"
+#include "driver/kernel/linux_tavik_driver_kernel_os.h"
 #include "driver/tavik_driver_device_private.h"
 #include "driver/tavik_driver_internal.h"
 #include "error/LastError.h"
@@ -59,11 +60,11 @@ NodeFilter FilterOf(E_TAVIK_DRIVER_TYPE type) {
     return nullptr;
 }
 
-void SetErrnoDetails(int error) {
+} // namespace
+
+void tavik_driver_kernel_os_set_errno_details(int error) {
     kt::LastError::SetDetails("Error %d (%s)", error, kt::LogUtils::GetErrorString(error).c_str());
 }
-
-} // namespace
 
 int _kernel_scandir_filter_PCI(const struct dirent* entry) {
     return MatchNodeName(entry->d_name, "tavikPCI_#");
@@ -131,44 +132,6 @@ rs_bool tavik_driver_kernel_enumerate_devices(tavik_driver* driver, E_TAVIK_DRIV
     DDI_TRACE_MSG(fn, Info, "Done with kernel devices");
     DDI_TRACE_RESULT(fn, "%s", "QX_OK");
     return QX_OK;
-}
-
-int tavik_driver_kernel_os_open(const char* path) {
-    const int fd = open(path, O_RDWR);
-    if (fd == -1) SetErrnoDetails(errno);
-    return fd;
-}
-
-rs_bool tavik_driver_kernel_os_close(int fd) {
-    if (close(fd) == 0) return QX_OK;
-    SetErrnoDetails(errno);
-    return QX_FAIL;
-}
-
-rs_bool tavik_driver_kernel_os_read(int fd, uns8* buf, uns16 size, uns16* done) {
-    const ssize_t result = read(fd, buf, size);
-    if (result == -1) {
-        SetErrnoDetails(errno);
-        return QX_FAIL;
-    }
-    if (done) *done = static_cast<uns16>(result);
-    return QX_OK;
-}
-
-rs_bool tavik_driver_kernel_os_write(int fd, const uns8* buf, uns16 size, uns16* done) {
-    const ssize_t result = write(fd, buf, size);
-    if (result == -1) {
-        SetErrnoDetails(errno);
-        return QX_FAIL;
-    }
-    if (done) *done = static_cast<uns16>(result);
-    return QX_OK;
-}
-
-rs_bool tavik_driver_kernel_os_ioctl(int fd, uns32 request, void* arg) {
-    if (ioctl(fd, static_cast<unsigned long>(request), arg) != -1) return QX_OK;
-    SetErrnoDetails(errno);
-    return QX_FAIL;
 }
 
 // ---------------------------------------------------------------------------

@@ -1,4 +1,5 @@
 #include "driver/kernel/tavik_driver_kernel.h"
+#include "driver/kernel/linux_tavik_driver_kernel_os.h"
 
 #include <cstdlib>
 #include <cstring>

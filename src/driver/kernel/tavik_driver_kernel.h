@@ -33,12 +33,8 @@ int16 tavik_driver_kernel_dev_start_notif_thread(tavik_driver_device* device,
                                                  tavik_dcb_invoke_callback_fn callback);
 int16 tavik_driver_kernel_dev_stop_notif_thread(tavik_driver_device* device);
 
-// One system call each; a failure leaves "Error %d (%s)" as the last-error text.
-int tavik_driver_kernel_os_open(const char* path);
-rs_bool tavik_driver_kernel_os_close(int fd);
-rs_bool tavik_driver_kernel_os_read(int fd, uns8* buf, uns16 size, uns16* done);
-rs_bool tavik_driver_kernel_os_write(int fd, const uns8* buf, uns16 size, uns16* done);
-rs_bool tavik_driver_kernel_os_ioctl(int fd, uns32 request, void* arg);
+// The system-call wrappers (tavik_driver_kernel_os_*) are in
+// linux_tavik_driver_kernel_os.h.
 
 // Node-name filters handed to scandir, one per bus type: the type's prefix, then
 // one or more decimal digits, and nothing after them.
