@@ -15,6 +15,7 @@
 #include <mutex>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "log/ILogListener.h"
@@ -101,7 +102,15 @@ inline size_t CountDirEntries(const char* path) {
     return count;
 }
 
+// Some runtimes (ThreadSanitizer) start a helper thread of their own with a
+// process's first thread. Start and end one thread first, once per process
+// (forked children too), so that a baseline taken here already includes it.
 inline size_t CountThreads() {
+    static pid_t warmedUp = 0;
+    if (warmedUp != getpid()) {
+        std::thread([] {}).join();
+        warmedUp = getpid();
+    }
     return CountDirEntries("/proc/self/task");
 }
 
