@@ -228,7 +228,7 @@ TEST_F(Notifications, StopWakesAThreadBlockedInPoll) {
     EXPECT_EQ(d->stop_notif_thread(d), KZ_ERR_NONE);
     auto took = std::chrono::steady_clock::now() - t0;
     EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(took).count(), 2000);
-    EXPECT_EQ(CountThreads(), threads) << "the notification thread must be joined by stop";
+    EXPECT_EQ(SettledThreadCount(threads), threads) << "the notification thread must be joined by stop";
     EXPECT_EQ(cam->Requests(), 0);
     EXPECT_TRUE(g_rec.Got().empty());
   });
@@ -246,7 +246,7 @@ TEST_F(Notifications, StopWithoutStartAndStartStopStartOnOneOpenDevice) {
       ASSERT_TRUE(g_rec.WaitFor(static_cast<size_t>(round + 1)));
       EXPECT_EQ(d->stop_notif_thread(d), KZ_ERR_NONE);
       EXPECT_EQ(CountOpenFds(), fds) << "round " << round;
-      EXPECT_EQ(CountThreads(), threads) << "round " << round;
+      EXPECT_EQ(SettledThreadCount(threads), threads) << "round " << round;
     }
     EXPECT_EQ(d->stop_notif_thread(d), KZ_ERR_NONE) << "a second stop";
   });

@@ -1,5 +1,7 @@
 #include "EmulatorHarness.h"
 
+#include "support/ThreadCount.h"
+
 #include <dirent.h>
 #include <dlfcn.h>
 #include <signal.h>
@@ -66,17 +68,8 @@ static size_t CountDir(const char* path) {
 }
 
 size_t CountOpenFds() { return CountDir("/proc/self/fd"); }
-// Some runtimes (ThreadSanitizer) start a helper thread of their own with a
-// process's first thread. Start and end one thread first, once per process
-// (forked children too), so that a baseline taken here already includes it.
-size_t CountThreads() {
-  static pid_t warmedUp = 0;
-  if (warmedUp != getpid()) {
-    std::thread([] {}).join();
-    warmedUp = getpid();
-  }
-  return CountDir("/proc/self/task");
-}
+size_t CountThreads() { return tavik_test::CountThreadsSettled(); }
+size_t SettledThreadCount(size_t expected) { return tavik_test::SettledThreadCount(expected); }
 
 // ---------------------------------------------------------------- Module
 

@@ -23,6 +23,10 @@ void RunInChild(const std::function<void()>& body, int timeoutSec = 120);
 
 size_t CountOpenFds();
 size_t CountThreads();
+// CountThreads once it equals expected, or after two seconds: a joined thread
+// can stay listed for a moment, as the kernel wakes the joiner before it
+// removes the exiting task.
+size_t SettledThreadCount(size_t expected);
 
 // The module opened on its own, as the library's user-mode loader opens it.
 class Module {

@@ -51,7 +51,7 @@ TEST(EmulatorAcquisition, TenSecondsAtOneHundredFpsLoseNothing) {
           src.Close();
         }
         EXPECT_EQ(CountOpenFds(), fds);
-        EXPECT_EQ(CountThreads(), threads);
+        EXPECT_EQ(SettledThreadCount(threads), threads);
       },
       90);
 }
@@ -90,7 +90,7 @@ TEST(EmulatorAcquisition, SixteenCamerasAtOnceEachInOrder) {
           }
         }
         src.Close();
-        EXPECT_EQ(CountThreads(), threads);
+        EXPECT_EQ(SettledThreadCount(threads), threads);
       },
       90);
 }
@@ -148,7 +148,7 @@ TEST(EmulatorAcquisition, StartStopAndAbortChurnUnderLoad) {
           for (tavik_driver_device* d : src.cameras) ASSERT_EQ(d->close(d), KZ_ERR_NONE);
           src.Close();
         }
-        EXPECT_EQ(CountThreads(), threads);
+        EXPECT_EQ(SettledThreadCount(threads), threads);
         EXPECT_EQ(CountOpenFds(), fds);
       },
       120);

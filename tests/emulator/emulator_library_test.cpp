@@ -54,7 +54,7 @@ void ExpectListedWith(unsigned cameras) {
     EXPECT_EQ(lib.Uninit(), KZ_ERR_NONE);
     lib.Unload();
   }
-  EXPECT_EQ(CountThreads(), threads) << "no log worker or camera thread left after dlclose";
+  EXPECT_EQ(SettledThreadCount(threads), threads) << "no log worker or camera thread left after dlclose";
   const auto summary = SummaryLines(ReadLines(log));
   EXPECT_NE(std::find(summary.begin(), summary.end(),
                       "Camera emulators: " + std::to_string(cameras)),

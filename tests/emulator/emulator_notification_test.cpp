@@ -66,16 +66,16 @@ TEST(EmulatorNotifications, StartAndStopRules) {
       EXPECT_EQ(LastErrorOf(d), "Callback function is null");
       const size_t threads = CountThreads();
       ASSERT_EQ(d->start_notif_thread(d, RecordingCallback), KZ_ERR_NONE);
-      EXPECT_EQ(CountThreads(), threads + 1);
+      EXPECT_EQ(SettledThreadCount(threads + 1), threads + 1);
       EXPECT_EQ(d->start_notif_thread(d, RecordingCallback), KZ_ERR_STATE_INVALID);
       EXPECT_EQ(LastErrorOf(d), "Notification thread already running");
-      EXPECT_EQ(CountThreads(), threads + 1) << "a refused start makes no thread";
+      EXPECT_EQ(SettledThreadCount(threads + 1), threads + 1) << "a refused start makes no thread";
       // The first thread still delivers after the refused start.
       ASSERT_EQ(SetActive(d, 1000, 3), KZ_ERR_NONE);
       EXPECT_TRUE(WaitFor([&] { return r.delivered.load() == 7; }, 3000));
       EXPECT_EQ(d->stop_notif_thread(d), KZ_ERR_NONE);
       EXPECT_EQ(d->stop_notif_thread(d), KZ_ERR_NONE) << "second stop";
-      EXPECT_EQ(CountThreads(), threads);
+      EXPECT_EQ(SettledThreadCount(threads), threads);
       // Stop then start again works, on a fresh queue.
       r.Reset(false);
       ASSERT_EQ(d->start_notif_thread(d, RecordingCallback), KZ_ERR_NONE);
@@ -195,13 +195,13 @@ TEST(EmulatorNotifications, UninitStopsEverythingTheCoreLeftRunning) {
         ASSERT_EQ(d->start_notif_thread(d, RecordingCallback), KZ_ERR_NONE);
         ASSERT_EQ(SetActive(d, 1000), KZ_ERR_NONE);
       }
-      EXPECT_EQ(CountThreads(), threads + 32) << "one clock and one notifier per camera";
+      EXPECT_EQ(SettledThreadCount(threads + 32), threads + 32) << "one clock and one notifier per camera";
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
       m.Uninit();  // no stop, no abort, no close: uninit must do it all
-      EXPECT_EQ(CountThreads(), threads);
+      EXPECT_EQ(SettledThreadCount(threads), threads);
       m.Unload();
     }
-    EXPECT_EQ(CountThreads(), threads);
+    EXPECT_EQ(SettledThreadCount(threads), threads);
     EXPECT_EQ(CountOpenFds(), fds);
   });
 }

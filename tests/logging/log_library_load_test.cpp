@@ -20,6 +20,8 @@
 
 #include <tavik/tavik_ddi.h>
 
+#include "support/ThreadCount.h"
+
 namespace {
 
 const char* const kLibrary = TAVIK_DDI_LIBRARY_PATH;
@@ -67,10 +69,9 @@ int LoadOnce(const LoadRun& run) {
         run.logFile ? setenv("TAVIK_DDI_LOG_FILE", run.logFile, 1) : unsetenv("TAVIK_DDI_LOG_FILE");
         run.logLevel ? setenv("TAVIK_DDI_LOG_LEVEL", run.logLevel, 1)
                      : unsetenv("TAVIK_DDI_LOG_LEVEL");
-        // A thread started and ended first lets any runtime helper thread (a
-        // sanitizer's, for one) exist before the baseline is taken.
-        std::thread([] {}).join();
-        const size_t threads = CountEntries("/proc/self/task");
+        // Counted after a first thread came and went, so that any runtime helper
+        // thread (a sanitizer's, for one) is already in the baseline.
+        const size_t threads = tavik_test::CountThreadsSettled();
         const size_t fds = CountEntries("/proc/self/fd");
         void* lib = dlopen(kLibrary, RTLD_NOW | RTLD_LOCAL);
         if (lib == nullptr) {
@@ -97,7 +98,7 @@ int LoadOnce(const LoadRun& run) {
             dlclose(again);
             _exit(kStillLoaded);
         }
-        if (CountEntries("/proc/self/task") != threads) {
+        if (tavik_test::SettledThreadCount(threads) != threads) {
             _exit(kThreadLeft);
         }
         if (CountEntries("/proc/self/fd") != fds) {

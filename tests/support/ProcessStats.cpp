@@ -1,8 +1,10 @@
 #include "ProcessStats.h"
+#include "ThreadCount.h"
 
 #include <dirent.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <thread>
@@ -23,17 +25,7 @@ size_t CountEntries(const char* path) {
 }  // namespace
 
 size_t CountOpenFds() { return CountEntries("/proc/self/fd"); }
-// Some runtimes (ThreadSanitizer) start a helper thread of their own with a
-// process's first thread. Start and end one thread first, once per process
-// (forked children too), so that a baseline taken here already includes it.
-size_t CountThreads() {
-  static pid_t warmedUp = 0;
-  if (warmedUp != getpid()) {
-    std::thread([] {}).join();
-    warmedUp = getpid();
-  }
-  return CountEntries("/proc/self/task");
-}
+size_t CountThreads() { return CountThreadsSettled(); }
 
 size_t ResidentKb() {
   FILE* f = std::fopen("/proc/self/status", "r");

@@ -3,10 +3,12 @@
 
 #include <cstddef>
 
+#include "ThreadCount.h"
+
 namespace tavik_test {
 
 size_t CountOpenFds();   // entries of /proc/self/fd
-size_t CountThreads();   // entries of /proc/self/task
+size_t CountThreads();   // entries of /proc/self/task, see ThreadCount.h
 size_t ResidentKb();     // VmRSS of /proc/self/status
 
 }  // namespace tavik_test

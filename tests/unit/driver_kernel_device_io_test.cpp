@@ -16,6 +16,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/ThreadCount.h"
+
 #include "driver/kernel/tavik_driver_kernel.h"
 #include "driver/tavik_driver_device_private.h"
 #include "error/LastError.h"
@@ -31,7 +33,7 @@ size_t CountEntries(const char* folder) {
     return count;
 }
 size_t OpenDescriptors() { return CountEntries("/proc/self/fd"); }
-size_t RunningThreads() { return CountEntries("/proc/self/task"); }
+
 
 std::string LastErrorText(tavik_driver_device* device) {
     char buffer[256];
@@ -209,11 +211,8 @@ TEST_F(DriverKernelDeviceIo, StopWithoutStartSucceeds) {
 TEST_F(DriverKernelDeviceIo, StartStopCyclesLeaveNoDescriptorOrThread) {
     UseNode("tavikSW_0", true);
     ASSERT_EQ(device->open(device), KZ_ERR_NONE);
-    // Some runtimes (ThreadSanitizer) start a helper thread with the process's
-    // first thread: let that happen before the baseline is taken.
-    std::thread([] {}).join();
     const size_t fds = OpenDescriptors();
-    const size_t threads = RunningThreads();
+    const size_t threads = tavik_test::CountThreadsSettled();
     for (int cycle = 0; cycle < 5; ++cycle) {
         ASSERT_EQ(device->start_notif_thread(device, IgnoreNotification), KZ_ERR_NONE);
         tavik_driver_device_private* priv = device->private_;
@@ -231,7 +230,7 @@ TEST_F(DriverKernelDeviceIo, StartStopCyclesLeaveNoDescriptorOrThread) {
         EXPECT_EQ(priv->abort_pipe_write, -1);
         EXPECT_FALSE(priv->notif_thread.joinable());
         EXPECT_EQ(OpenDescriptors(), fds);
-        EXPECT_EQ(RunningThreads(), threads);
+        EXPECT_EQ(tavik_test::SettledThreadCount(threads), threads);
     }
 }
 

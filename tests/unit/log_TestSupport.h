@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "log/ILogListener.h"
+#include "support/ThreadCount.h"
 #include "log/LogEntry.h"
 
 namespace kt_test {
@@ -102,17 +103,11 @@ inline size_t CountDirEntries(const char* path) {
     return count;
 }
 
-// Some runtimes (ThreadSanitizer) start a helper thread of their own with a
-// process's first thread. Start and end one thread first, once per process
-// (forked children too), so that a baseline taken here already includes it.
 inline size_t CountThreads() {
-    static pid_t warmedUp = 0;
-    if (warmedUp != getpid()) {
-        std::thread([] {}).join();
-        warmedUp = getpid();
-    }
-    return CountDirEntries("/proc/self/task");
+    return tavik_test::CountThreadsSettled();
 }
+
+using tavik_test::SettledThreadCount;
 
 // One less than listed: the directory stream itself holds a descriptor.
 inline size_t CountDescriptors() {

@@ -18,6 +18,7 @@
 using kt::Log;
 using kt::LogEntry;
 using kt_test::CountThreads;
+using kt_test::SettledThreadCount;
 using kt_test::RecordingListener;
 
 namespace {
@@ -64,7 +65,7 @@ TEST(LogListeners, WithoutListenersNothingIsLoggedNoThreadStartsAndFlushIsImmedi
     EXPECT_EQ(log.Flush(0), 0u);
     EXPECT_EQ(log.Flush(1000), 0u);
     EXPECT_LT(std::chrono::steady_clock::now() - t0, 200ms);
-    EXPECT_EQ(CountThreads(), threads);
+    EXPECT_EQ(SettledThreadCount(threads), threads);
 }
 
 TEST(LogLevels, MaximumLevelPassesAndMoreVerboseDoesNot) {
@@ -92,15 +93,15 @@ TEST(LogWorker, FirstLevelTestStartsOneWorkerAndDestructionLeavesNoThread) {
         Log log(LogEntry::Error);
         auto l = std::make_shared<RecordingListener>();
         ASSERT_TRUE(log.AddListener(Weak(l)));
-        EXPECT_EQ(CountThreads(), before) << "registration must not start the worker";
+        EXPECT_EQ(SettledThreadCount(before), before) << "registration must not start the worker";
         // Even a level that does not pass starts the worker.
         EXPECT_FALSE(log.WillBeLogged(LogEntry::Trace));
-        EXPECT_EQ(CountThreads(), before + 1);
+        EXPECT_EQ(SettledThreadCount(before + 1), before + 1);
         EXPECT_FALSE(log.Start()) << "second worker";
         log.WillBeLogged(LogEntry::Error);
-        EXPECT_EQ(CountThreads(), before + 1);
+        EXPECT_EQ(SettledThreadCount(before + 1), before + 1);
     }
-    EXPECT_EQ(CountThreads(), before);
+    EXPECT_EQ(SettledThreadCount(before), before);
 }
 
 TEST(LogWorker, ManyLogsCreatedAndDestroyedLeaveNoThread) {
@@ -114,7 +115,7 @@ TEST(LogWorker, ManyLogsCreatedAndDestroyedLeaveNoThread) {
             log.Flush(0);
         }
     }
-    EXPECT_EQ(CountThreads(), before);
+    EXPECT_EQ(SettledThreadCount(before), before);
 }
 
 TEST(LogWorker, UndeliveredEntriesAreDiscardedAtDestruction) {
@@ -356,12 +357,12 @@ TEST(LogLoadPhase, EntriesWaitWithoutWorkerAndAreDeliveredInOrderAfterLoad) {
             // returns at once and discards what is queued.
             EXPECT_EQ(log.Flush(0), 3u);
             log.AddEntry("DDI", LogEntry::Info, "%s", "during load 4");
-            EXPECT_EQ(CountThreads(), before) << "worker started during load";
+            EXPECT_EQ(SettledThreadCount(before), before) << "worker started during load";
             EXPECT_TRUE(l->Messages().empty());
             Log::LibInitHelper post(Log::LibInitHelper::PostInit, Log::LibInitHelper::Immediate);
             // The flag is down again: the next level test starts the worker.
             EXPECT_TRUE(log.WillBeLogged(LogEntry::Error));
-            EXPECT_EQ(CountThreads(), before + 1);
+            EXPECT_EQ(SettledThreadCount(before + 1), before + 1);
             log.AddEntry("DDI", LogEntry::Info, "%s", "after load");
             EXPECT_EQ(log.Flush(0), 0u);
         }
@@ -370,7 +371,7 @@ TEST(LogLoadPhase, EntriesWaitWithoutWorkerAndAreDeliveredInOrderAfterLoad) {
     }
     EXPECT_EQ(l->Messages(), (std::vector<std::string>{"during load 4", "after load"}))
         << "the unlimited flush discards what it could not wait for";
-    EXPECT_EQ(CountThreads(), before);
+    EXPECT_EQ(SettledThreadCount(before), before);
 }
 
 TEST(LogLoadPhase, QueuedDuringLoadAreDeliveredInOrderOnceLoadEnds) {
@@ -382,7 +383,7 @@ TEST(LogLoadPhase, QueuedDuringLoadAreDeliveredInOrderOnceLoadEnds) {
     for (int i = 0; i < 5; ++i) {
         log.AddEntry("DDI", LogEntry::Info, "load %d", i);
     }
-    EXPECT_EQ(CountThreads(), before);
+    EXPECT_EQ(SettledThreadCount(before), before);
     Log::LibInitHelper::NotifyLibProcessAttachDone();
     log.AddEntry("DDI", LogEntry::Info, "%s", "first after load");
     EXPECT_EQ(log.Flush(0), 0u);
