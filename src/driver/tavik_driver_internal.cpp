@@ -50,6 +50,16 @@ void StoreModulePath(tavik_driver* driver, const char* file_path) {
     tavik_driver_copy_text(driver->file_path, sizeof(driver->file_path), file_path);
 }
 
+// A load that fails leaves nothing behind: a record that exists is unloaded
+// (which calls the driver's uninit when it is bound) and the caller's pointer is
+// null. Loaders only log; they set no last-error text.
+rs_bool FailLoad(kt::LogFn* fn, tavik_driver** record, const char* message) {
+    if (message) DDI_TRACE_MSG(fn, Error, "%s", message);
+    if (record) tavik_driver_unload(record);
+    DDI_TRACE_RESULT(fn, "%s", "QX_FAIL");
+    return QX_FAIL;
+}
+
 template <typename Fn>
 Fn LookUp(void* handle, const char* name) {
     return reinterpret_cast<Fn>(dlsym(handle, name));
@@ -93,16 +103,11 @@ rs_bool tavik_driver_load_user_mode(const char* file_path, tavik_driver** driver
     // A null name would make the loader hand out the main program; refuse it.
     if (!driver || !file_path) {
         if (driver) *driver = nullptr;
-        DDI_TRACE_RESULT(fn, "%s", "QX_FAIL");
-        return QX_FAIL;
+        return FailLoad(fn.get(), nullptr, nullptr);
     }
 
     *driver = tavik_driver_alloc();
-    if (!*driver) {
-        DDI_TRACE_MSG(fn, Error, "Cannot allocate driver");
-        DDI_TRACE_RESULT(fn, "%s", "QX_FAIL");
-        return QX_FAIL;
-    }
+    if (!*driver) return FailLoad(fn.get(), nullptr, "Cannot allocate driver");
     tavik_driver* record = *driver;
 
     record->handle = dlopen(file_path, RTLD_LAZY);
@@ -113,9 +118,7 @@ rs_bool tavik_driver_load_user_mode(const char* file_path, tavik_driver** driver
         } else {
             dlerror(); // leave no stale loader error behind for later lookups
         }
-        tavik_driver_unload(driver);
-        DDI_TRACE_RESULT(fn, "%s", "QX_FAIL");
-        return QX_FAIL;
+        return FailLoad(fn.get(), driver, nullptr);
     }
 
     record->mode = TAVIK_DRIVER_MODE_USER;
@@ -133,25 +136,17 @@ rs_bool tavik_driver_load_user_mode(const char* file_path, tavik_driver** driver
     else if (!record->type)
         missing = "Type function not found in driver";
     if (missing) {
-        DDI_TRACE_MSG(fn, Error, "%s", missing);
-        tavik_driver_unload(driver);
-        DDI_TRACE_RESULT(fn, "%s", "QX_FAIL");
-        return QX_FAIL;
+        return FailLoad(fn.get(), driver, missing);
     }
 
     if (record->init(record) != QX_OK) {
-        DDI_TRACE_MSG(fn, Error, "Driver initialization failed");
-        tavik_driver_unload(driver);
-        DDI_TRACE_RESULT(fn, "%s", "QX_FAIL");
-        return QX_FAIL;
+        return FailLoad(fn.get(), driver, "Driver initialization failed");
     }
 
     const uns32 type = static_cast<uns32>(record->type());
     if (type >= TAVIK_DRIVER_TYPE_COUNT) {
         DDI_TRACE_MSG(fn, Error, "Invalid driver type %u", type);
-        tavik_driver_unload(driver);
-        DDI_TRACE_RESULT(fn, "%s", "QX_FAIL");
-        return QX_FAIL;
+        return FailLoad(fn.get(), driver, nullptr);
     }
 
     DDI_TRACE_RETURN_ARGS(fn, "*driver=0x%p", static_cast<void*>(*driver));
@@ -164,17 +159,10 @@ rs_bool tavik_driver_load_kernel_mode(E_TAVIK_DRIVER_TYPE drv_type, tavik_driver
         "rs_bool tavik_driver_load_kernel_mode(E_TAVIK_DRIVER_TYPE, tavik_driver**)");
     DDI_TRACE_ENTER(fn, "drv_type=%u(%s), driver=0x%p", static_cast<uns32>(drv_type),
                     kt::EnumUtils::GetName<_KZ_DRIVER_TYPE>(drv_type), static_cast<void*>(driver));
-    if (!driver) {
-        DDI_TRACE_RESULT(fn, "%s", "QX_FAIL");
-        return QX_FAIL;
-    }
+    if (!driver) return FailLoad(fn.get(), nullptr, nullptr);
 
     *driver = tavik_driver_alloc();
-    if (!*driver) {
-        DDI_TRACE_MSG(fn, Error, "Cannot allocate driver");
-        DDI_TRACE_RESULT(fn, "%s", "QX_FAIL");
-        return QX_FAIL;
-    }
+    if (!*driver) return FailLoad(fn.get(), nullptr, "Cannot allocate driver");
     tavik_driver* record = *driver;
     record->handle = nullptr;
     record->mode = TAVIK_DRIVER_MODE_KERNEL;
@@ -182,17 +170,12 @@ rs_bool tavik_driver_load_kernel_mode(E_TAVIK_DRIVER_TYPE drv_type, tavik_driver
 
     if (static_cast<uns32>(drv_type) >= TAVIK_DRIVER_TYPE_COUNT) {
         DDI_TRACE_MSG(fn, Error, "Unknown driver type: %u", static_cast<uns32>(drv_type));
-        tavik_driver_unload(driver);
-        DDI_TRACE_RESULT(fn, "%s", "QX_FAIL");
-        return QX_FAIL;
+        return FailLoad(fn.get(), driver, nullptr);
     }
 
     BindKernelHelper(record, drv_type);
     if (record->init(record) != QX_OK) {
-        DDI_TRACE_MSG(fn, Error, "Driver initialization failed");
-        tavik_driver_unload(driver);
-        DDI_TRACE_RESULT(fn, "%s", "QX_FAIL");
-        return QX_FAIL;
+        return FailLoad(fn.get(), driver, "Driver initialization failed");
     }
 
     DDI_TRACE_RETURN_ARGS(fn, "*driver=0x%p", static_cast<void*>(*driver));
