@@ -177,20 +177,20 @@ std::vector<tavik_driver_device*> Library::Devices() const {
 // ---------------------------------------------------------------- CameraSource
 
 bool CameraSource::Open(unsigned expectedCameras) {
+  // Always through the shipped library, as the core reaches the cameras: a
+  // library that cannot be loaded is a failure here, never a reason to drive
+  // the module some other way.
   setenv("TAVIK_UMD_PATH", TAVIK_EMU_MODULE_DIR, 1);
   std::string why;
-  if (library_.Load(&why)) {
-    viaLibrary = true;
-    EXPECT_EQ(library_.Init(), KZ_ERR_NONE);
-    for (tavik_driver_device* d : library_.Devices()) {
-      if (d->driver != nullptr && d->driver->type != nullptr &&
-          d->driver->type() == TAVIK_DRIVER_TYPE_VIRTUAL)
-        cameras.push_back(d);
-    }
-  } else {
-    fprintf(stderr, "note: driving the module directly (%s)\n", why.c_str());
-    if (!module_.Load() || !module_.Init()) return false;
-    cameras = module_.Devices();
+  if (!library_.Load(&why)) {
+    ADD_FAILURE() << "cannot load the library: " << why;
+    return false;
+  }
+  EXPECT_EQ(library_.Init(), KZ_ERR_NONE);
+  for (tavik_driver_device* d : library_.Devices()) {
+    if (d->driver != nullptr && d->driver->type != nullptr &&
+        d->driver->type() == TAVIK_DRIVER_TYPE_VIRTUAL)
+      cameras.push_back(d);
   }
   EXPECT_EQ(cameras.size(), expectedCameras);
   return cameras.size() == expectedCameras;
@@ -198,13 +198,8 @@ bool CameraSource::Open(unsigned expectedCameras) {
 
 void CameraSource::Close() {
   cameras.clear();
-  if (viaLibrary) {
-    EXPECT_EQ(library_.Uninit(), KZ_ERR_NONE);
-    library_.Unload();
-  } else {
-    module_.Uninit();
-    module_.Unload();
-  }
+  EXPECT_EQ(library_.Uninit(), KZ_ERR_NONE);
+  library_.Unload();
 }
 
 // ---------------------------------------------------------------- frames and events

@@ -63,16 +63,15 @@ class Library {
   bool initialised = false;
 };
 
-// Cameras reached through the library when it works, else through the module.
+// The emulated cameras as the core reaches them: through the shipped library,
+// which finds the module in TAVIK_UMD_PATH.
 class CameraSource {
  public:
-  bool Open(unsigned expectedCameras);  // sets TAVIK_UMD_PATH for the library path
+  bool Open(unsigned expectedCameras);  // sets TAVIK_UMD_PATH, loads and inits the library
   void Close();
   std::vector<tavik_driver_device*> cameras;
-  bool viaLibrary = false;
 
  private:
-  Module module_;
   Library library_;
 };
 

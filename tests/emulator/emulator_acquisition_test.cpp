@@ -1,5 +1,5 @@
-// Long acquisitions, many cameras and start/stop/abort churn, through the shipped
-// library when it can load the module, otherwise through the module directly.
+// Long acquisitions, many cameras and start/stop/abort churn, all through the
+// shipped library as the core drives the emulated cameras.
 #include <random>
 #include <thread>
 
