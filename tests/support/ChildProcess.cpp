@@ -7,56 +7,29 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
-#include <thread>
 
 namespace tavik_test {
 namespace {
 
-bool g_inChild = false;
-int g_reasonFd = -1;
-
 constexpr int kSkipExit = 77;
-
-void CleanEnvironment() {
-  // The parent's environment must not leak a configuration into a case.
-  unsetenv("TAVIK_UMD_PATH");
-  unsetenv("TAVIK_DDI_LOG_FILE");
-  unsetenv("TAVIK_DDI_LOG_LEVEL");
-  unsetenv("TAVIK_FIXTURE_CALLS");
-}
-
-bool MustNotSkip() {
-  const char* v = getenv("TAVIK_TEST_REQUIRE_NAMESPACES");
-  return v != nullptr && std::strcmp(v, "1") == 0;
-}
+int g_reasonFd = -1;
 
 }  // namespace
 
 void ChildContext::EnableLog(const char* level) const {
   setenv("TAVIK_DDI_LOG_FILE", LogPath().c_str(), 1);
-  if (level != nullptr) {
-    setenv("TAVIK_DDI_LOG_LEVEL", level, 1);
-  } else {
-    unsetenv("TAVIK_DDI_LOG_LEVEL");
-  }
+  if (level != nullptr) setenv("TAVIK_DDI_LOG_LEVEL", level, 1);
 }
 
-void ChildContext::RecordFixtureCalls() const {
-  setenv("TAVIK_FIXTURE_CALLS", CallsPath().c_str(), 1);
-}
-
-bool InChild() { return g_inChild; }
+void ChildContext::RecordFixtureCalls() const { setenv("TAVIK_FIXTURE_CALLS", CallsPath().c_str(), 1); }
 
 void SkipChild(const std::string& reason) {
-  if (g_reasonFd >= 0) {
-    ssize_t ignored = write(g_reasonFd, reason.data(), reason.size());
-    (void)ignored;
+  if (g_reasonFd >= 0 && write(g_reasonFd, reason.data(), reason.size()) < 0) {
   }
   std::fflush(nullptr);
   _exit(kSkipExit);
@@ -69,24 +42,22 @@ std::string ReadFile(const std::string& path) {
   return out.str();
 }
 
+void WriteFile(const std::string& path, const std::string& content) {
+  std::ofstream(path, std::ios::binary) << content;
+}
+
 void RemoveTree(const std::string& path) {
-  nftw(
-      path.c_str(),
-      [](const char* p, const struct stat*, int, struct FTW*) { return remove(p) == 0 ? 0 : 0; },
-      16, FTW_DEPTH | FTW_PHYS);
+  nftw(path.c_str(), [](const char* p, const struct stat*, int, struct FTW*) { return remove(p) * 0; }, 16,
+       FTW_DEPTH | FTW_PHYS);
 }
 
 void ChildTest::SetUp() {
-  const char* base = getenv("TMPDIR");
-  std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/tavik-e2e-XXXXXX";
-  char* made = mkdtemp(pattern.data());
-  ASSERT_NE(made, nullptr) << "mkdtemp: " << std::strerror(errno);
-  ctx_.tmp = made;
+  std::string pattern = "/tmp/tavik-test-XXXXXX";
+  ASSERT_NE(mkdtemp(pattern.data()), nullptr) << std::strerror(errno);
+  ctx_.tmp = pattern;
 }
 
-void ChildTest::TearDown() {
-  if (!ctx_.tmp.empty()) RemoveTree(ctx_.tmp);
-}
+void ChildTest::TearDown() { RemoveTree(ctx_.tmp); }
 
 std::string ChildTest::ReadScratch(const std::string& name) const { return ReadFile(ctx_.tmp + "/" + name); }
 
@@ -98,78 +69,39 @@ bool ChildTest::RunInChild(const std::function<void(ChildContext&)>& body, int t
   }
   std::fflush(nullptr);  // nothing buffered may be written twice
   pid_t pid = fork();
-  if (pid < 0) {
-    ADD_FAILURE() << "fork: " << std::strerror(errno);
-    close(reason[0]);
-    close(reason[1]);
-    return false;
-  }
   if (pid == 0) {
     close(reason[0]);
-    g_inChild = true;
     g_reasonFd = reason[1];
-    CleanEnvironment();
-    try {
-      body(ctx_);
-    } catch (const std::exception& e) {
-      ADD_FAILURE() << "exception in child: " << e.what();
-    } catch (...) {
-      ADD_FAILURE() << "unknown exception in child";
-    }
+    // The parent's environment must not leak a configuration into a case.
+    for (const char* v : {"TAVIK_UMD_PATH", "TAVIK_DDI_LOG_FILE", "TAVIK_DDI_LOG_LEVEL", "TAVIK_FIXTURE_CALLS"})
+      unsetenv(v);
+    alarm(static_cast<unsigned>(timeoutSec));  // a hang ends the child with SIGALRM
+    body(ctx_);
     std::fflush(nullptr);
-    // exit(), not _exit(): a library that is still loaded (thread-local
-    // destructors pin it) must still run its teardown and write its footer.
     std::exit(::testing::Test::HasFailure() ? 1 : 0);
   }
   close(reason[1]);
-
   int status = 0;
-  bool hung = false;
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSec);
-  for (;;) {
-    pid_t r = waitpid(pid, &status, WNOHANG);
-    if (r == pid) break;
-    if (r < 0 && errno != EINTR) {
-      ADD_FAILURE() << "waitpid: " << std::strerror(errno);
-      close(reason[0]);
-      return false;
-    }
-    if (std::chrono::steady_clock::now() > deadline) {
-      hung = true;
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-      break;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  std::string why;
-  char buf[512];
-  ssize_t n;
-  while ((n = read(reason[0], buf, sizeof buf)) > 0) why.append(buf, static_cast<size_t>(n));
+  bool waited = pid > 0 && waitpid(pid, &status, 0) == pid;
+  std::string why = ReadFile("/proc/self/fd/" + std::to_string(reason[0]));
   close(reason[0]);
-
-  if (hung) {
-    ADD_FAILURE() << "child did not finish within " << timeoutSec << " s (hang)";
-    return false;
-  }
-  if (WIFSIGNALED(status)) {
-    ADD_FAILURE() << "child died of signal " << WTERMSIG(status) << " (" << strsignal(WTERMSIG(status)) << ")";
-    return false;
-  }
-  int code = WEXITSTATUS(status);
-  if (code == kSkipExit) {
-    if (MustNotSkip()) {
-      ADD_FAILURE() << "case would skip, but TAVIK_TEST_REQUIRE_NAMESPACES=1 forbids it: " << why;
-    } else {
+  if (!waited) {
+    ADD_FAILURE() << "fork or wait failed: " << std::strerror(errno);
+  } else if (WIFSIGNALED(status)) {
+    ADD_FAILURE() << "child died of signal " << strsignal(WTERMSIG(status))
+                  << (WTERMSIG(status) == SIGALRM ? " (hang)" : "");
+  } else if (WEXITSTATUS(status) == kSkipExit) {
+    const char* must = getenv("TAVIK_TEST_REQUIRE_NAMESPACES");
+    if (must != nullptr && std::strcmp(must, "1") == 0)
+      ADD_FAILURE() << "must not skip (TAVIK_TEST_REQUIRE_NAMESPACES=1): " << why;
+    else
       GTEST_MESSAGE_AT_(__FILE__, __LINE__, why.c_str(), ::testing::TestPartResult::kSkip);
-    }
-    return false;
+  } else if (WEXITSTATUS(status) != 0) {
+    ADD_FAILURE() << "child reported failures (exit code " << WEXITSTATUS(status) << "), see above";
+  } else {
+    return true;
   }
-  if (code != 0) {
-    ADD_FAILURE() << "child reported failures (exit code " << code << "), see its output above";
-    return false;
-  }
-  return true;
+  return false;
 }
 
 }  // namespace tavik_test

@@ -7,10 +7,8 @@
 
 namespace tavik_test {
 
-// Enters a private mount namespace and mounts an empty tmpfs on /dev.
 // False with the reason when the kernel or the user's rights do not allow it.
 bool TryEnterPrivateDev(std::string* why);
-
 // Child only: as above, or ends the child as skipped with the reason.
 void EnterPrivateDev();
 
@@ -19,6 +17,6 @@ void MakeFifo(const std::string& name);
 void MakeFile(const std::string& name, const std::string& content = std::string());
 void MakeDanglingSymlink(const std::string& name);
 void RemoveNode(const std::string& name);
-std::string DevPath(const std::string& name);
+inline std::string DevPath(const std::string& name) { return "/dev/" + name; }
 
 }  // namespace tavik_test

@@ -3,153 +3,65 @@
 #include <dlfcn.h>
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
-#include <deque>
-#include <mutex>
 
 #include <tavik/tavik_driver.h>
 
 namespace tavik_test {
-
-struct SimCameraAccess {
-  struct State {
-    std::mutex mutex;
-    std::deque<std::vector<uint32_t>> batches;
-    int failErr = 0;
-    int failCount = 0;
-    std::atomic<int> pollFailErr{0};
-    std::atomic<int> pollFailCount{0};
-    std::atomic<int> requests{0};
-    std::atomic<int> polls{0};
-    std::atomic<int> capacity{-1};
-    std::atomic<int> countBefore{-1};
-    std::atomic<int> firstSize{-1};
-    std::atomic<int> firstVersion{-1};
-  };
-  static constexpr int kMax = 8;
-  static SimCamera cams[kMax];
-  static State states[kMax];
-  static std::atomic<int> count;
-
-  static int Find(int fd) {
-    int n = count.load(std::memory_order_acquire);
-    if (n == 0 || fd < 0) return -1;
-    struct stat st;
-    if (fstat(fd, &st) != 0) return -1;
-    for (int i = 0; i < n; ++i)
-      if (cams[i].ino_ == st.st_ino && cams[i].dev_ == st.st_dev) return i;
-    return -1;
-  }
-};
-
-SimCamera SimCameraAccess::cams[SimCameraAccess::kMax];
-SimCameraAccess::State SimCameraAccess::states[SimCameraAccess::kMax];
-std::atomic<int> SimCameraAccess::count{0};
-
-SimCamera* SimCamera::Attach(const std::string& nodePath) {
-  struct stat st;
-  if (stat(nodePath.c_str(), &st) != 0) return nullptr;
-  int i = SimCameraAccess::count.load();
-  if (i >= SimCameraAccess::kMax) return nullptr;
-  SimCamera& c = SimCameraAccess::cams[i];
-  c.dev_ = st.st_dev;
-  c.ino_ = st.st_ino;
-  c.eventFd_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-  if (c.eventFd_ < 0) return nullptr;
-  SimCameraAccess::count.store(i + 1, std::memory_order_release);
-  return &c;
-}
-
-static SimCameraAccess::State& StateOf(const SimCamera* c) { return SimCameraAccess::states[c - SimCameraAccess::cams]; }
-
-void SimCamera::Push(const std::vector<uint32_t>& types) {
-  auto& s = StateOf(this);
-  std::lock_guard<std::mutex> lock(s.mutex);
-  s.batches.push_back(types);
-  uint64_t one = 1;
-  ssize_t ignored = write(eventFd_, &one, sizeof one);
-  (void)ignored;
-}
-
-void SimCamera::FailRequests(int err, int n) {
-  auto& s = StateOf(this);
-  std::lock_guard<std::mutex> lock(s.mutex);
-  s.failErr = err;
-  s.failCount = n;
-}
-
-void SimCamera::FailPolls(int err, int n) {
-  auto& s = StateOf(this);
-  s.pollFailErr.store(err);
-  s.pollFailCount.store(n);
-}
-
-int SimCamera::Requests() const { return StateOf(this).requests.load(); }
-int SimCamera::PolledWaits() const { return StateOf(this).polls.load(); }
-int SimCamera::CapacitySeen() const { return StateOf(this).capacity.load(); }
-int SimCamera::CountBeforeLastRequest() const { return StateOf(this).countBefore.load(); }
-int SimCamera::FirstRecordSize() const { return StateOf(this).firstSize.load(); }
-int SimCamera::FirstRecordVersion() const { return StateOf(this).firstVersion.load(); }
-
-}  // namespace tavik_test
-
 namespace {
 
-using IoctlFn = int (*)(int, unsigned long, ...);
-using PollFn = int (*)(struct pollfd*, nfds_t, int);
+constexpr int kMax = 8;
+SimCamera g_cams[kMax];
+std::atomic<int> g_count{0};
 
-IoctlFn RealIoctl() {
-  static IoctlFn fn = reinterpret_cast<IoctlFn>(dlsym(RTLD_NEXT, "ioctl"));
-  return fn;
+SimCamera* Find(int fd) {
+  struct stat st;
+  int n = g_count.load(std::memory_order_acquire);
+  if (n == 0 || fd < 0 || fstat(fd, &st) != 0) return nullptr;
+  for (int i = 0; i < n; ++i)
+    if (g_cams[i].ino == st.st_ino && g_cams[i].dev == st.st_dev) return &g_cams[i];
+  return nullptr;
 }
 
-PollFn RealPoll() {
-  static PollFn fn = reinterpret_cast<PollFn>(dlsym(RTLD_NEXT, "poll"));
-  return fn;
-}
-
-int AnswerNotifications(int cam, tavik_notif_list* list) {
-  using tavik_test::SimCameraAccess;
-  auto& s = SimCameraAccess::states[cam];
-  const tavik_test::SimCamera& c = SimCameraAccess::cams[cam];
-  std::lock_guard<std::mutex> lock(s.mutex);
-  s.requests.fetch_add(1);
-  s.capacity.store(list->capacity);
-  s.countBefore.store(list->count);
-  if (s.firstSize.load() < 0) {
-    s.firstSize.store(list->notifications[0].size);
-    s.firstVersion.store(list->notifications[0].version);
+bool Consume(std::atomic<int>& failures) {
+  int n = failures.load();
+  while (n > 0 && !failures.compare_exchange_weak(n, n - 1)) {
   }
+  return n > 0;
+}
+
+int Answer(SimCamera& c, tavik_notif_list* list) {
+  std::lock_guard<std::mutex> lock(c.mutex);
+  ++c.requests;
+  c.capacity = list->capacity;
+  c.countBefore = list->count;
+  c.recordSize = list->notifications[0].size;
+  c.recordVersion = list->notifications[0].version;
   std::vector<uint32_t> batch;
-  if (!s.batches.empty()) {
-    batch = std::move(s.batches.front());
-    s.batches.pop_front();
+  if (!c.batches.empty()) {
+    batch = std::move(c.batches.front());
+    c.batches.pop_front();
   }
-  if (s.batches.empty()) {
-    uint64_t drained;
-    ssize_t ignored = read(c.eventFd(), &drained, sizeof drained);
-    (void)ignored;
+  uint64_t drained;
+  if (c.batches.empty() && read(c.eventFd, &drained, sizeof drained) < 0) {
   }
-  if (s.failCount > 0) {
-    --s.failCount;
-    errno = s.failErr;
+  if (Consume(c.requestFailures)) {
+    errno = c.requestErr;
     return -1;
   }
   size_t n = batch.size() < TAVIK_NOTIF_LIST_CAPACITY ? batch.size() : TAVIK_NOTIF_LIST_CAPACITY;
   for (size_t i = 0; i < n; ++i) {
     tavik_notif& rec = list->notifications[i];
+    std::memset(&rec, 0, sizeof rec);
     rec.size = sizeof(tavik_notif);
     rec.version = 1;
     rec.type = batch[i];
-    std::memset(rec.payload, 0, sizeof rec.payload);
-    rec.payload[0] = static_cast<uns8>(i);
+    rec.payload[0] = static_cast<uns8>(i);  // lets a callback prove which record it got
   }
   list->count = static_cast<uns16>(n);
   return 0;
@@ -157,57 +69,69 @@ int AnswerNotifications(int cam, tavik_notif_list* list) {
 
 }  // namespace
 
+SimCamera* SimCamera::Attach(const std::string& nodePath) {
+  struct stat st;
+  int i = g_count.load();
+  if (i >= kMax || stat(nodePath.c_str(), &st) != 0) return nullptr;
+  SimCamera& c = g_cams[i];
+  c.dev = st.st_dev;
+  c.ino = st.st_ino;
+  c.eventFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  if (c.eventFd < 0) return nullptr;
+  g_count.store(i + 1, std::memory_order_release);
+  return &c;
+}
+
+void SimCamera::Push(const std::vector<uint32_t>& types) {
+  std::lock_guard<std::mutex> lock(mutex);
+  batches.push_back(types);
+  uint64_t one = 1;
+  if (write(eventFd, &one, sizeof one) < 0) {
+  }
+}
+
+}  // namespace tavik_test
+
+using tavik_test::SimCamera;
+
 extern "C" __attribute__((visibility("default"))) int ioctl(int fd, unsigned long request, ...) {
+  using IoctlFn = int (*)(int, unsigned long, ...);
+  static IoctlFn real = reinterpret_cast<IoctlFn>(dlsym(RTLD_NEXT, "ioctl"));
   va_list ap;
   va_start(ap, request);
   void* arg = va_arg(ap, void*);
   va_end(ap);
-  if (static_cast<uint32_t>(request) == TAVIK_IOC_GET_NOTIFICATIONS) {
-    int cam = tavik_test::SimCameraAccess::Find(fd);
-    if (cam >= 0) return AnswerNotifications(cam, static_cast<tavik_notif_list*>(arg));
-  }
-  return RealIoctl()(fd, request, arg);
+  SimCamera* cam = static_cast<uint32_t>(request) == TAVIK_IOC_GET_NOTIFICATIONS ? tavik_test::Find(fd) : nullptr;
+  return cam != nullptr ? tavik_test::Answer(*cam, static_cast<tavik_notif_list*>(arg)) : real(fd, request, arg);
 }
 
 extern "C" __attribute__((visibility("default"))) int poll(struct pollfd* fds, nfds_t nfds, int timeout) {
-  constexpr nfds_t kMaxSwap = 8;
-  int cams[kMaxSwap];
+  using PollFn = int (*)(struct pollfd*, nfds_t, int);
+  static PollFn real = reinterpret_cast<PollFn>(dlsym(RTLD_NEXT, "poll"));
+  constexpr nfds_t kMaxFds = 8;
+  SimCamera* cams[kMaxFds] = {};
   bool any = false;
-  if (nfds <= kMaxSwap) {
-    for (nfds_t i = 0; i < nfds; ++i) {
-      cams[i] = (fds[i].events & POLLPRI) ? tavik_test::SimCameraAccess::Find(fds[i].fd) : -1;
-      any = any || cams[i] >= 0;
-    }
-  }
-  if (!any) return RealPoll()(fds, nfds, timeout);
-
-  for (nfds_t i = 0; i < nfds; ++i) {
-    if (cams[i] < 0) continue;
-    auto& st = tavik_test::SimCameraAccess::states[cams[i]];
-    if (st.pollFailCount.load() > 0) {
-      st.pollFailCount.fetch_sub(1);
-      st.polls.fetch_add(1);
-      errno = st.pollFailErr.load();
-      return -1;
-    }
-  }
-
+  for (nfds_t i = 0; i < nfds && nfds <= kMaxFds; ++i)
+    any |= (cams[i] = (fds[i].events & POLLPRI) ? tavik_test::Find(fds[i].fd) : nullptr) != nullptr;
+  if (!any) return real(fds, nfds, timeout);
   // Wait on the cameras' eventfds instead of their nodes; the blocking stays real.
-  struct pollfd swapped[kMaxSwap];
+  struct pollfd swapped[kMaxFds];
   for (nfds_t i = 0; i < nfds; ++i) {
     swapped[i] = fds[i];
-    if (cams[i] >= 0) {
-      swapped[i].fd = tavik_test::SimCameraAccess::cams[cams[i]].eventFd();
-      swapped[i].events = POLLIN;
-      tavik_test::SimCameraAccess::states[cams[i]].polls.fetch_add(1);
+    if (cams[i] == nullptr) continue;
+    ++cams[i]->polls;
+    if (tavik_test::Consume(cams[i]->pollFailures)) {
+      errno = cams[i]->pollErr;
+      return -1;
     }
+    swapped[i].fd = cams[i]->eventFd;
+    swapped[i].events = POLLIN;
   }
-  int r = RealPoll()(swapped, nfds, timeout);
+  int r = real(swapped, nfds, timeout);
   int saved = errno;
   for (nfds_t i = 0; i < nfds; ++i) {
     short rev = swapped[i].revents;
-    if (cams[i] >= 0) rev = static_cast<short>((rev & POLLIN ? POLLPRI : 0) | (rev & (POLLERR | POLLHUP | POLLNVAL)));
-    fds[i].revents = rev;
+    fds[i].revents = cams[i] == nullptr ? rev : static_cast<short>((rev & POLLIN ? POLLPRI : 0) | (rev & (POLLERR | POLLHUP | POLLNVAL)));
   }
   errno = saved;
   return r;

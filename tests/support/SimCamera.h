@@ -6,7 +6,10 @@
 // pushed records. Everything else goes to the real calls.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <deque>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -20,26 +23,21 @@ class SimCamera {
   // One batch: the next notification request returns exactly these types
   // (an empty batch answers with a count of 0). Wakes the waiting poll.
   void Push(const std::vector<uint32_t>& types);
-  // The next n notification requests fail with err.
-  void FailRequests(int err, int n);
-  // The next n polls that wait on this camera fail at once with err.
-  void FailPolls(int err, int n);
+  void FailRequests(int err, int n) { requestErr = err, requestFailures = n; }  // the next n requests fail
+  void FailPolls(int err, int n) { pollErr = err, pollFailures = n; }           // the next n polls fail
 
-  int Requests() const;           // notification requests answered or failed
-  int PolledWaits() const;        // poll calls that waited on this camera
-  int CapacitySeen() const;       // capacity field of the last request's list
-  int CountBeforeLastRequest() const;  // count field as the host left it
-  int FirstRecordSize() const;    // first record's size field at the first request
-  int FirstRecordVersion() const;
+  std::atomic<int> requests{0};  // notification requests answered or failed
+  std::atomic<int> polls{0};     // polls that waited on this camera or failed
+  // The host's side of the last request: capacity, count as the host left it,
+  // and the first record's size and version.
+  std::atomic<int> capacity{-1}, countBefore{-1}, recordSize{-1}, recordVersion{-1};
 
-  int eventFd() const { return eventFd_; }
-
- private:
-  friend struct SimCameraAccess;
-  SimCamera() = default;
-  unsigned long dev_ = 0;
-  unsigned long ino_ = 0;
-  int eventFd_ = -1;
+  // Internal to the interposers.
+  unsigned long dev = 0, ino = 0;
+  int eventFd = -1;
+  std::mutex mutex;
+  std::deque<std::vector<uint32_t>> batches;
+  std::atomic<int> requestErr{0}, requestFailures{0}, pollErr{0}, pollFailures{0};
 };
 
 }  // namespace tavik_test

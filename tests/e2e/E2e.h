@@ -1,0 +1,92 @@
+// What the end-to-end cases share: a child with a private /dev that loads the
+// shipped library, notes what it sees, and a golden transcript to match.
+#pragma once
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <regex>
+#include <sstream>
+#include <string>
+
+#include <tavik/tavik.h>
+
+#include "ChildProcess.h"
+#include "DdiLibrary.h"
+#include "FakeDev.h"
+#include "Golden.h"
+#include "ProcessStats.h"
+
+namespace tavik_test {
+
+inline std::string FixtureDir(const std::string& folder) { return std::string(TAVIK_TEST_FIXTURES_DIR) + "/" + folder; }
+
+// Lines a child notes for its transcript; any thread may note.
+inline std::string g_notes;
+inline std::mutex g_notesMutex;
+__attribute__((format(printf, 1, 2))) inline void Note(const char* format, ...) {
+  char line[1024];
+  va_list ap;
+  va_start(ap, format);
+  std::vsnprintf(line, sizeof line, format, ap);
+  va_end(ap);
+  std::lock_guard<std::mutex> lock(g_notesMutex);
+  g_notes += std::string(line) + "\n";
+}
+
+inline std::string DeviceText(tavik_driver_device* d) {
+  char buf[512] = "";
+  d->last_error_msg(d, buf, sizeof buf);
+  return buf;
+}
+
+// The record as the core sees it after init or uninit.
+inline void NoteDdi(const Ddi& ddi) {
+  Note("ddi state %d, cam_count %u", static_cast<int>(ddi.state), ddi.cam_count);
+  for (int t = 0; t < TAVIK_DRIVER_TYPE_COUNT; ++t) {
+    const tavik_driver* d = ddi.drivers[t];
+    if (d == nullptr) continue;
+    int devices = 0;
+    while (d->device_list != nullptr && d->device_list[devices] != nullptr) ++devices;
+    Note("slot %d: mode %d, type %d, handle %s, word %lu, path '%s', %d devices", t, static_cast<int>(d->mode),
+         d->mode == TAVIK_DRIVER_MODE_KERNEL && d->type != nullptr ? static_cast<int>(d->type()) : -1, d->handle != nullptr ? "set" : "null",
+         static_cast<unsigned long>(d->driver_word), d->file_path, devices);
+  }
+  for (unsigned i = 0; i < ddi.cam_count && i < TAVIK_DDI_MAX_CAMERAS; ++i)
+    Note("camera %u: '%s' at '%s'", i, ddi.devices[i]->name, ddi.devices[i]->file_path);
+}
+
+class E2eTest : public ChildTest {
+ protected:
+  // Runs body in a child with a private /dev, the log at level (nullptr: no
+  // log) and the fixture calls recorded; then the notes, the calls and the
+  // normalised log lines that match keep (all when null) must equal
+  // golden/<name>.txt.
+  void RunScenario(const std::string& name, const char* level, const std::function<void(DdiLibrary&)>& body,
+                   const char* keep = nullptr) {
+    if (!RunInChild([&](ChildContext& ctx) {
+          EnterPrivateDev();
+          if (level != nullptr) ctx.EnableLog(level);
+          ctx.RecordFixtureCalls();
+          DdiLibrary lib;
+          TAVIK_ASSERT_LOAD(lib);
+          body(lib);
+          lib.Unload();
+          WriteFile(ctx.tmp + "/notes.txt", g_notes);
+        }))
+      return;
+    char exe[512] = "";
+    ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+    exe[n > 0 ? n : 0] = '\0';
+    const Substitutions subs = {{ctx_.tmp, "@TMP"}, {FixtureDir(""), "@FIX/"}, {DdiLibrary::Path(), "@LIB"}, {exe, "@EXE"}};
+    std::string log;
+    std::istringstream in(NormalizeLog(ReadFile(ctx_.LogPath())));
+    for (std::string line; std::getline(in, line);)
+      if (keep == nullptr || std::regex_search(line, std::regex(keep))) log += line + "\n";
+    ExpectGolden(name, ReadScratch("notes.txt") + "--- module calls\n" + ReadScratch("calls.txt") + "--- log\n" + log, subs);
+  }
+};
+
+}  // namespace tavik_test

@@ -1,0 +1,173 @@
+// The library as a file and as a long-lived tenant of the core's process: its
+// exports, the log set-up from the environment at load, and cycles that must
+// leave descriptors, threads and memory where they were.
+#include <dlfcn.h>
+
+#include <cstdio>
+#include <set>
+#include <thread>
+
+#include "E2e.h"
+#include "SimCamera.h"
+
+namespace tavik_test {
+namespace {
+
+std::string Output(const std::string& command) {
+  std::string out;
+  if (FILE* p = popen(command.c_str(), "r")) {
+    char buf[512];
+    while (std::fgets(buf, sizeof buf, p) != nullptr) out += buf;
+    pclose(p);
+  }
+  return out;
+}
+
+TEST(Library, ExportsExactlyTheFourEntryPointsAtTheirVersionUnderItsSoname) {
+  const std::string lib = DdiLibrary::Path();
+  EXPECT_EQ(Output("nm -D --defined-only --with-symbol-versions " + lib + " | cut -d' ' -f2- | sort"),
+            "A TAVIK_DDI_3.0\n"
+            "T tavik_ddi_get_last_error_message@@TAVIK_DDI_3.0\n"
+            "T tavik_ddi_get_lib_version@@TAVIK_DDI_3.0\n"
+            "T tavik_ddi_init@@TAVIK_DDI_3.0\n"
+            "T tavik_ddi_uninit@@TAVIK_DDI_3.0\n");
+  EXPECT_EQ(Output("objdump -p " + lib + " | grep SONAME"), "  SONAME               libtavikDDI.so.3\n");
+  EXPECT_EQ(lib.substr(lib.rfind('/') + 1), "libtavikDDI.so.3.1.88");
+}
+
+class LibraryLoad : public ChildTest {};
+
+// The two variables are read once at load. Each row loads the library, makes
+// it log at every level (an error, a warning and infos from a module folder,
+// debug lines from a device, trace lines from every call) and unloads it; the
+// file must hold just the levels the row names, in one complete block.
+TEST_F(LibraryLoad, LogFileAndLevelFromTheEnvironment) {
+  struct Row {
+    const char* file;  // "log": the scratch log; nullptr: unset
+    const char* level;
+    const char* letters;  // nullptr: no file at all
+  } rows[] = {{nullptr, nullptr, nullptr}, {"", "T", nullptr}, {"/nonexistent/ddi.log", nullptr, nullptr},
+              {"log", nullptr, "DEITW"},   {"log", "", "DEITW"}, {"log", "2", "DEITW"},
+              {"log", "x", "DEITW"},       {"log", "e", "E"},    {"log", "Error", "E"},
+              {"log", "warning", "EW"},    {"log", "Info", "EIW"}, {"log", "debug", "DEIW"}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(std::string(row.file ? row.file : "(unset)") + " at " + (row.level ? row.level : "(unset)"));
+    unlink(ctx_.LogPath().c_str());
+    if (!RunInChild([&](ChildContext& ctx) {
+          EnterPrivateDev();
+          MakeFifo("tavikPCIE_0");
+          if (row.file != nullptr) setenv("TAVIK_DDI_LOG_FILE", std::string(row.file) == "log" ? ctx.LogPath().c_str() : row.file, 1);
+          if (row.level != nullptr) setenv("TAVIK_DDI_LOG_LEVEL", row.level, 1);
+          setenv("TAVIK_UMD_PATH", FixtureDir("mixed").c_str(), 1);
+          const size_t threads = CountThreads(), fds = CountOpenFds();
+          DdiLibrary lib;
+          TAVIK_ASSERT_LOAD(lib);
+          EXPECT_EQ(ListedEntries("/proc/self/task"), threads) << "the log's worker started during the load";
+          // On a thread of its own, whose thread-local state is gone before
+          // the unload, so that nothing pins the library.
+          std::thread([&] {
+            Ddi ddi{};
+            EXPECT_EQ(lib.init(&ddi), KZ_ERR_NONE);
+            tavik_driver_device* d = ddi.devices[ddi.cam_count - 2];  // the FIFO, before the emulator row
+            uns16 n = 0;
+            EXPECT_EQ(d->open(d), KZ_ERR_NONE);
+            EXPECT_EQ(d->write(d, reinterpret_cast<const uns8*>("ab"), 2, &n), KZ_ERR_NONE);
+            EXPECT_EQ(d->close(d), KZ_ERR_NONE);
+            EXPECT_EQ(lib.uninit(&ddi), KZ_ERR_NONE);
+          }).join();
+          lib.Unload();
+          EXPECT_FALSE(DdiLibrary::StillMapped());
+          EXPECT_EQ(SettledThreadCount(threads), threads);
+          EXPECT_EQ(CountOpenFds(), fds);
+        }))
+      continue;
+    const std::string log = ReadScratch("ddi.log");
+    if (row.letters == nullptr) {
+      EXPECT_EQ(access(ctx_.LogPath().c_str(), F_OK), -1);
+      continue;
+    }
+    std::set<char> seen;
+    int started = 0, stopped = 0;
+    std::istringstream in(log);
+    for (std::string line; std::getline(in, line);) {
+      if (line.size() > 28 && line[0] == '[' && line[7] == '.') seen.insert(line[line.find(']') - 1]);
+      started += line.rfind("[Logging started", 0) == 0;
+      stopped += line.rfind("[Logging stopped", 0) == 0;
+    }
+    EXPECT_EQ(std::string(seen.begin(), seen.end()), row.letters);
+    EXPECT_EQ(started, 1);
+    EXPECT_EQ(stopped, 1);
+    EXPECT_EQ(log.substr(log.size() < 66 ? 0 : log.size() - 66), "[" + std::string(62, '=') + "]\n\n");
+  }
+}
+
+int16 Ignore(tavik_driver_device*, tavik_notif*) { return KZ_ERR_NONE; }
+
+// Rigs run for days: after 50 cycles to settle caches and pools, 1000 more
+// must leave descriptors, threads and resident memory where they were.
+template <typename Cycle>
+void ExpectNoGrowth(const char* what, Cycle cycle) {
+  for (int i = 0; i < 50; ++i) cycle();
+  const size_t fds = CountOpenFds(), threads = CountThreads(), rss = ResidentKb();
+  for (int i = 0; i < 1000 && !::testing::Test::HasFailure(); ++i) cycle();
+  EXPECT_EQ(CountOpenFds(), fds) << what;
+  EXPECT_EQ(SettledThreadCount(threads), threads) << what;
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // sanitizers hold freed memory back
+  EXPECT_LE(ResidentKb(), rss + 2048) << what << ": resident memory grew from " << rss << " kB";
+#endif
+}
+
+TEST_F(LibraryLoad, CyclesLeaveNothingBehind) {
+  constexpr int kLoads = 100;
+  if (!RunInChild([&](ChildContext& ctx) {
+        EnterPrivateDev();
+        for (const char* n : {"tavikPCI_0", "tavikUSB_0", "tavikUSB_1", "tavikSW_0"}) MakeFifo(n);
+        SimCamera* cam = SimCamera::Attach("/dev/tavikSW_0");
+        setenv("TAVIK_UMD_PATH", FixtureDir("good").c_str(), 1);
+        DdiLibrary lib;
+        TAVIK_ASSERT_LOAD(lib);
+        Ddi ddi{};
+        tavik_driver_device* d = nullptr;
+        ExpectNoGrowth("init and uninit", [&] {
+          ASSERT_EQ(lib.init(&ddi), KZ_ERR_NONE);
+          ASSERT_EQ(ddi.cam_count, 5);
+          d = ddi.devices[4];
+          ASSERT_EQ(d->open(d), KZ_ERR_NONE);
+          ASSERT_EQ(d->close(d), KZ_ERR_NONE);
+          ASSERT_EQ(lib.uninit(&ddi), KZ_ERR_NONE);
+        });
+        ASSERT_EQ(lib.init(&ddi), KZ_ERR_NONE);
+        ASSERT_EQ(d->open(d), KZ_ERR_NONE);
+        ExpectNoGrowth("start and stop", [&] {
+          ASSERT_EQ(d->start_notif_thread(d, Ignore), KZ_ERR_NONE);
+          cam->Push({NOTIFICATION_EOF});
+          ASSERT_EQ(d->stop_notif_thread(d), KZ_ERR_NONE);
+        });
+        ASSERT_EQ(lib.uninit(&ddi), KZ_ERR_NONE);
+        lib.Unload();
+        // Loads with the log on: each writes one whole block and leaves no thread.
+        ctx.EnableLog();
+        const size_t threads = CountThreads();
+        for (int i = 0; i < kLoads && !::testing::Test::HasFailure(); ++i) {
+          TAVIK_ASSERT_LOAD(lib);
+          std::thread([&] {
+            EXPECT_EQ(lib.init(nullptr), KZ_ERR_STATE_INVALID);
+            EXPECT_EQ(lib.init(&ddi), KZ_ERR_NONE);
+            EXPECT_EQ(lib.uninit(&ddi), KZ_ERR_NONE);
+          }).join();
+          lib.Unload();
+          ASSERT_FALSE(DdiLibrary::StillMapped()) << "load " << i;
+          ASSERT_EQ(SettledThreadCount(threads), threads) << "load " << i;
+        }
+      }, 120))
+    return;
+  const std::string log = ReadScratch("ddi.log");
+  size_t blocks = 0, inits = 0;
+  for (size_t at = 0; (at = log.find("[Logging stopped", at)) != std::string::npos; ++at) ++blocks;
+  for (size_t at = 0; (at = log.find("int16 tavik_ddi_init(Ddi*): RETURN (KZ_ERR_NONE)", at)) != std::string::npos; ++at) ++inits;
+  EXPECT_EQ(blocks, static_cast<size_t>(kLoads));
+  EXPECT_EQ(inits, static_cast<size_t>(kLoads));
+}
+
+}  // namespace
+}  // namespace tavik_test

@@ -1,0 +1,285 @@
+// Whole scenarios through the shipped library, each ending in one golden
+// transcript: what the core got back (codes, texts, records), which module
+// functions ran, and every line the library logged, in order.
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <filesystem>
+#include <thread>
+#include <vector>
+
+#include "E2e.h"
+#include "SimCamera.h"
+
+namespace tavik_test {
+namespace {
+
+class Scenario : public E2eTest {};
+
+// The bytes a copy-out left in a buffer of 'X': '.' for a zero, at most 24.
+std::string Shown(const char* buf) {
+  std::string s(buf, 24);
+  for (char& c : s) c = c == '\0' ? '.' : c;
+  return s;
+}
+
+TEST_F(Scenario, EntryPointsOnAMachineWithoutDrivers) {
+  RunScenario("entry_points", "trace", [](DdiLibrary& lib) {
+    uns16 v[3] = {0, 0, 0};
+    Note("version %d: %u.%u.%u", lib.get_lib_version(&v[0], &v[1], &v[2]), v[0], v[1], v[2]);
+    for (int missing = 0; missing < 3; ++missing) {
+      uns16 w[3] = {7, 7, 7};
+      uns16* p[3] = {&w[0], &w[1], &w[2]};
+      p[missing] = nullptr;
+      int rc = lib.get_lib_version(p[0], p[1], p[2]);
+      Note("version, argument %d null: %d, '%s', values %u %u %u", missing, rc, lib.LastError().c_str(), w[0], w[1], w[2]);
+    }
+    int16 rc = lib.init(nullptr);
+    Note("init(null): %d, '%s'", rc, lib.LastError().c_str());
+    Note("uninit(null): %d", lib.uninit(nullptr));
+    // The copy-out at every size that matters around "Ddi structure is null" (22 bytes with its end).
+    for (uns32 size : {0u, 1u, 5u, 21u, 22u, 23u}) {
+      char buf[32];
+      std::memset(buf, 'X', sizeof buf);
+      uns32 need = lib.get_last_error_message(buf, size);
+      Note("copy-out size %2u: needs %u, null buffer needs %u, got '%s'", size, need,
+           lib.get_last_error_message(nullptr, size), Shown(buf).c_str());
+    }
+    std::thread([&] {
+      Note("new thread: needs %u", lib.get_last_error_message(nullptr, 0));
+      lib.get_lib_version(nullptr, nullptr, nullptr);
+      Note("new thread after its own failure: '%s'", lib.LastError().c_str());
+    }).join();
+    Note("first thread keeps '%s'", lib.LastError().c_str());
+    Ddi ddi;
+    std::memset(&ddi, 0xA5, sizeof ddi);
+    Note("init: %d", lib.init(&ddi));
+    NoteDdi(ddi);
+    Note("uninit: %d", lib.uninit(&ddi));
+    NoteDdi(ddi);
+    std::memset(&ddi, 0, sizeof ddi);
+    ddi.state = TAVIK_DDI_STATE_OPEN;
+    ddi.cam_count = 7;
+    Note("uninit without init: %d", lib.uninit(&ddi));
+    NoteDdi(ddi);
+  });
+}
+
+// The /dev scan: five name patterns, names it must reject, collation order,
+// cut names, a dangling link, and the limit of 16 cameras across the rows.
+TEST_F(Scenario, KernelNodes) {
+  RunScenario("kernel_nodes", "debug", [](DdiLibrary& lib) {
+    for (const char* n : {"tavikPCI_0", "tavikPCI_1", "tavikPCI_2", "tavikPCI_3", "tavikPCI_4", "tavikPCI_5",
+                          "tavikUSB_10", "tavikUSB_2", "tavikUSB_0", "tavikUSB_3", "tavikUSB_11", "tavik1394_0",
+                          "tavik1394_1", "tavik1394_2", "tavikPCIE_0", "tavikPCIE_1", "tavikSW_0", "tavikSW_", "tavikSW_1a",
+                          "tavikSWx0", "xtavikSW_1", "TAVIKSW_2", "tavikSW_-3", "tavikPCIe_0", "tavikUSB_5 "})
+      MakeFifo(n);
+    MakeFile("tavikUSB_4");
+    MakeDanglingSymlink("tavikSW_9");
+    MakeFifo("tavik1394_" + std::string(40, '7'));
+    setenv("TAVIK_UMD_PATH", "/nonexistent-modules", 1);
+    Ddi ddi{};
+    Note("init: %d", lib.init(&ddi));
+    NoteDdi(ddi);
+    Note("uninit: %d", lib.uninit(&ddi));
+  }, "enumerate_devices|update_device_list");
+}
+
+// One folder with every kind of module: broken ones, two of one bus, names
+// the filter must skip, files it accepts but cannot load, and good ones.
+TEST_F(Scenario, UserModeModules) {
+  RunScenario("modules", "info", [](DdiLibrary& lib) {
+    for (const char* n : {"tavikUSB_0", "tavikSW_0", "tavik1394_0"}) MakeFifo(n);
+    setenv("TAVIK_UMD_PATH", FixtureDir("mixed").c_str(), 1);
+    Ddi ddi{};
+    Note("init: %d", lib.init(&ddi));
+    NoteDdi(ddi);
+    Note("uninit: %d", lib.uninit(&ddi));
+  }, "user_mode|update_device_list|already loaded");
+}
+
+TEST_F(Scenario, ModuleFolders) {
+  namespace fs = std::filesystem;
+  const std::string longDir = ctx_.tmp + "/" + std::string(120, 'd') + "/" + std::string(120, 'e');
+  fs::create_directories(longDir);
+  fs::create_directories(ctx_.tmp + "/empty");
+  fs::copy_file(FixtureDir("mixed") + "/tavik_good.x86_64.umd", longDir + "/tavik_" + std::string(40, 'l') + ".x86_64.umd");
+  RunScenario("module_folders", "info", [&](DdiLibrary& lib) {
+    for (const std::string& folder : {ctx_.tmp + "/missing", std::string(), ctx_.tmp + "/empty", longDir}) {
+      setenv("TAVIK_UMD_PATH", folder.c_str(), 1);
+      Ddi ddi{};
+      Note("folder '%s': init %d", folder.c_str(), lib.init(&ddi));
+      if (ddi.drivers[0] != nullptr) Note("slot 0 path '%s'", ddi.drivers[0]->file_path);
+      Note("uninit: %d", lib.uninit(&ddi));
+    }
+  }, "user_mode|Cannot scan");
+}
+
+// The known module names are bare file names for the loader's own search, and
+// the loader reads LD_LIBRARY_PATH only at start: the child runs a fresh image
+// of this program with the fixtures on that path, which does its part before
+// the tests would start (see KnownNamesInAFreshImage).
+TEST_F(Scenario, KnownNamesThroughTheLoaderPath) {
+  RunScenario("known_names", "info", [](DdiLibrary&) {
+    setenv("LD_LIBRARY_PATH", FixtureDir("known").c_str(), 1);
+    setenv("TAVIK_TEST_FRESH_IMAGE", getenv("TAVIK_DDI_LOG_FILE"), 1);
+    execl("/proc/self/exe", "tavik_e2e_tests", static_cast<char*>(nullptr));
+    ADD_FAILURE() << "exec failed";
+  }, "user_mode");
+}
+
+const bool kInFreshImage = [] {
+  const char* log = getenv("TAVIK_TEST_FRESH_IMAGE");
+  if (log == nullptr) return false;
+  DdiLibrary lib;
+  std::string error;
+  if (!lib.Load(&error)) _exit(2);
+  Ddi ddi{};
+  Note("init: %d", lib.init(&ddi));
+  NoteDdi(ddi);
+  Note("uninit: %d", lib.uninit(&ddi));
+  lib.Unload();
+  WriteFile(std::string(log).substr(0, std::string(log).rfind('/')) + "/notes.txt", g_notes);
+  std::exit(0);
+}();
+
+// Device operations on a FIFO: real reads and writes, the kernel's own ENOTTY
+// for a camera request code, every state error, and the texts of each.
+TEST_F(Scenario, DeviceOperations) {
+  RunScenario("device_io", "trace", [](DdiLibrary& lib) {
+    MakeFifo("tavikSW_0");
+    Ddi ddi{};
+    ASSERT_EQ(lib.init(&ddi), KZ_ERR_NONE);
+    ASSERT_EQ(ddi.cam_count, 1);
+    tavik_driver_device* d = ddi.devices[0];
+    uns8 in[16] = {};
+    const uns8 out[5] = {0x01, 0x02, 0x03, 0x0A, 0xFF};
+    uns16 n = 99;
+    auto step = [&](const char* what, int16 rc) {
+      Note("%s: %d, n %u, '%s'", what, rc, n, lib.LastError().c_str());
+      n = 99;
+    };
+    step("close while closed", d->close(d));
+    step("read while closed", d->read(d, in, sizeof in, &n));
+    step("write while closed", d->write(d, out, sizeof out, &n));
+    step("ioctl while closed", d->ioctl(d, TAVIK_IOC_CAM_POST_OPEN, nullptr));
+    step("open", d->open(d));
+    step("open again", d->open(d));
+    step("write 5", d->write(d, out, sizeof out, &n));
+    step("read 16", d->read(d, in, sizeof in, &n));
+    Note("read back %02x %02x %02x %02x %02x %02x", in[0], in[1], in[2], in[3], in[4], in[5]);
+    step("read 0", d->read(d, in, 0, &n));
+    step("write 2 without count", d->write(d, out, 2, nullptr));
+    int pending = -1;
+    step("ioctl FIONREAD", d->ioctl(d, FIONREAD, &pending));
+    Note("pending %d", pending);
+    step("read 16 without count", d->read(d, in, sizeof in, nullptr));
+    uns16 version = 0;
+    step("ioctl driver version", d->ioctl(d, TAVIK_IOC_GET_DRIVER_VERSION, &version));
+    for (uns32 size : {0u, 1u, 4u, 42u, 43u}) {
+      char buf[64];
+      std::memset(buf, 'X', sizeof buf);
+      uns32 need = d->last_error_msg(d, buf, size);
+      Note("device copy-out size %2u: needs %u, got '%s'", size, need, Shown(buf).c_str());
+    }
+    Note("the device's text is the thread's: %d", DeviceText(d) == lib.LastError());
+    step("close", d->close(d));
+    step("close again", d->close(d));
+    char saved[sizeof d->file_path];
+    std::memcpy(saved, d->file_path, sizeof saved);
+    d->file_path[0] = '\0';
+    step("open with empty path", d->open(d));
+    std::memcpy(d->file_path, saved, sizeof saved);
+    RemoveNode("tavikSW_0");
+    step("open removed node", d->open(d));
+    step("close after failed open", d->close(d));
+    Note("uninit: %d", lib.uninit(&ddi));
+  }, "_dev_");
+}
+
+// The notification thread against a simulated camera behind a FIFO node.
+std::atomic<int> g_delivered{0}, g_failCallbacks{0};
+pid_t g_mainTid = 0;
+
+int16 Record(tavik_driver_device* d, tavik_notif* n) {
+  Note("callback: %s, type 0x%x, record %u, %s thread", d->name, n->type, n->payload[0],
+       syscall(SYS_gettid) == g_mainTid ? "calling" : "other");
+  ++g_delivered;
+  return g_failCallbacks.load() > 0 && g_failCallbacks-- > 0 ? KZ_ERR_DATA_INVALID : KZ_ERR_NONE;
+}
+
+template <typename Done>
+void WaitUntil(Done done) {
+  while (!done()) usleep(200);  // the child's alarm ends a hang
+}
+
+TEST_F(Scenario, Notifications) {
+  RunScenario("notifications", "trace", [](DdiLibrary& lib) {
+    g_mainTid = static_cast<pid_t>(syscall(SYS_gettid));
+    MakeFifo("tavikSW_0");
+    SimCamera* cam = SimCamera::Attach("/dev/tavikSW_0");
+    ASSERT_NE(cam, nullptr);
+    Ddi ddi{};
+    ASSERT_EQ(lib.init(&ddi), KZ_ERR_NONE);
+    tavik_driver_device* d = ddi.devices[0];
+    ASSERT_EQ(d->open(d), KZ_ERR_NONE);
+    Note("start without callback: %d '%s'", d->start_notif_thread(d, nullptr), lib.LastError().c_str());
+    Note("stop without start: %d", d->stop_notif_thread(d));
+    const size_t fds = CountOpenFds(), threads = CountThreads();
+    Note("start: %d", d->start_notif_thread(d, Record));
+    // Each batch ends once the thread waits again, counted in polls: one per
+    // batch, two where a poll fails first.
+    int polls = 1;
+    WaitUntil([&] { return cam->polls >= polls; });
+    auto batch = [&](std::vector<uint32_t> types, int delivered, int failedPolls = 0) {
+      polls += 1 + failedPolls;
+      cam->Push(types);
+      WaitUntil([&] { return cam->polls >= polls && g_delivered >= delivered; });
+    };
+    batch({NOTIFICATION_BOF, NOTIFICATION_EOF, NOTIFICATION_BOF_EOF}, 3);
+    batch({0x100u}, 4);  // unknown: delivered as removal of the device
+    batch({}, 4);        // a count of 0 calls nothing
+    g_failCallbacks = 1;
+    batch({NOTIFICATION_ACK_FLUSH, NOTIFICATION_COMPLETE, NOTIFICATION_EOF}, 7);
+    cam->FailRequests(EIO, 1);
+    batch({NOTIFICATION_BOF}, 7);
+    cam->FailPolls(EINTR, 1);
+    batch({NOTIFICATION_EOF}, 8, 1);
+    cam->FailPolls(EAGAIN, 1);
+    batch({NOTIFICATION_BOF}, 9, 1);  // the thread is blocked in poll again: stop must wake it
+    Note("host side: capacity %d, count before %d, record size %d, version %d", cam->capacity.load(),
+         cam->countBefore.load(), cam->recordSize.load(), cam->recordVersion.load());
+    Note("stop: %d", d->stop_notif_thread(d));
+    Note("descriptors back: %d, threads back: %d", CountOpenFds() == fds, SettledThreadCount(threads) == threads);
+    // Without descriptors for its wake-up pipe the thread is not started.
+    struct rlimit old, low;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
+    int highest = 0;
+    for (int fd = 0; fd < 4096; ++fd) highest = fcntl(fd, F_GETFD) != -1 ? fd : highest;
+    low = old;
+    low.rlim_cur = static_cast<rlim_t>(highest + 1);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+    std::vector<int> fillers;
+    for (int fd; (fd = dup(0)) >= 0;) fillers.push_back(fd);
+    int16 rc = d->start_notif_thread(d, Record);
+    std::string text = lib.LastError();
+    for (int fd : fillers) close(fd);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &old), 0);
+    Note("start without descriptors: %d '%s', descriptors back: %d", rc, text.c_str(), CountOpenFds() == fds);
+    int a = dup(0), b = dup(0);
+    rc = d->stop_notif_thread(d);
+    Note("stop after the failed start: %d, closed nothing of ours: %d", rc, fcntl(a, F_GETFD) != -1 && fcntl(b, F_GETFD) != -1);
+    close(a);
+    close(b);
+    Note("start again: %d", d->start_notif_thread(d, Record));
+    Note("stop: %d", d->stop_notif_thread(d));
+    Note("close: %d", d->close(d));
+    Note("uninit: %d", lib.uninit(&ddi));
+  }, "notif");
+}
+
+}  // namespace
+}  // namespace tavik_test
