@@ -74,7 +74,7 @@ TEST_F(Scenario, KernelNodes) {
   RunScenario("kernel_nodes", "debug", [](DdiLibrary& lib) {
     for (const char* n : {"tavikPCI_0", "tavikPCI_1", "tavikPCI_2", "tavikPCI_3", "tavikPCI_4", "tavikPCI_5",
                           "tavikUSB_10", "tavikUSB_2", "tavikUSB_0", "tavikUSB_3", "tavikUSB_11", "tavik1394_0",
-                          "tavik1394_1", "tavik1394_2", "tavikPCIE_0", "tavikPCIE_1", "tavikSW_0", "tavikSW_", "tavikSW_1a",
+                          "tavik1394_1", "tavik1394_2", "tavik1394_3", "tavikPCIE_0", "tavikPCIE_1", "tavikSW_0", "tavikSW_", "tavikSW_1a",
                           "tavikSWx0", "xtavikSW_1", "TAVIKSW_2", "tavikSW_-3", "tavikPCIe_0", "tavikUSB_5 "})
       MakeFifo(n);
     MakeFile("tavikUSB_4");

@@ -10,27 +10,22 @@ namespace tavik_test {
 
 class DdiLibrary {
  public:
-  DdiLibrary() = default;
   ~DdiLibrary() { Unload(); }
-  DdiLibrary(const DdiLibrary&) = delete;
-  DdiLibrary& operator=(const DdiLibrary&) = delete;
 
   static const char* Path() { return TAVIK_TEST_LIBRARY_PATH; }
-
   // dlopen + dlvsym of all four; false with the loader's text on any failure.
   bool Load(std::string* error);
   void Unload();
   bool Loaded() const { return handle_ != nullptr; }
   // Whether the library is still mapped in this process (after Unload).
   static bool StillMapped();
+  // The calling thread's last error text, read through the entry point.
+  std::string LastError() const;
 
   tavik_ddi_init_fn init = nullptr;
   tavik_ddi_uninit_fn uninit = nullptr;
   tavik_ddi_get_lib_version_fn get_lib_version = nullptr;
   tavik_ddi_get_last_error_message_fn get_last_error_message = nullptr;
-
-  // The calling thread's last error text, read through the entry point.
-  std::string LastError() const;
 
  private:
   void* handle_ = nullptr;
