@@ -108,7 +108,8 @@ int16 Ignore(tavik_driver_device*, tavik_notif*) { return KZ_ERR_NONE; }
 template <typename Cycle>
 void ExpectNoGrowth(const char* what, Cycle cycle) {
   for (int i = 0; i < 50; ++i) cycle();
-  const size_t fds = CountOpenFds(), threads = CountThreads(), rss = ResidentKb();
+  const size_t fds = CountOpenFds(), threads = CountThreads();
+  [[maybe_unused]] const size_t rss = ResidentKb();
   for (int i = 0; i < 1000 && !::testing::Test::HasFailure(); ++i) cycle();
   EXPECT_EQ(CountOpenFds(), fds) << what;
   EXPECT_EQ(SettledThreadCount(threads), threads) << what;
