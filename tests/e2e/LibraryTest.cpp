@@ -138,6 +138,7 @@ TEST_F(LibraryLoad, CyclesLeaveNothingBehind) {
           ASSERT_EQ(lib.uninit(&ddi), KZ_ERR_NONE);
         });
         ASSERT_EQ(lib.init(&ddi), KZ_ERR_NONE);
+        d = ddi.devices[4];
         ASSERT_EQ(d->open(d), KZ_ERR_NONE);
         ExpectNoGrowth("start and stop", [&] {
           ASSERT_EQ(d->start_notif_thread(d, Ignore), KZ_ERR_NONE);
