@@ -2,6 +2,7 @@
 // shipped library, notes what it sees, and a golden transcript to match.
 #pragma once
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -58,6 +59,13 @@ inline void NoteDdi(const Ddi& ddi) {
     Note("camera %u: '%s' at '%s'", i, ddi.devices[i]->name, ddi.devices[i]->file_path);
 }
 
+inline void InitAndUninit(DdiLibrary& lib) {
+  Ddi ddi{};
+  Note("init: %d", lib.init(&ddi));
+  NoteDdi(ddi);
+  Note("uninit: %d", lib.uninit(&ddi));
+}
+
 class E2eTest : public ChildTest {
  protected:
   // Runs body in a child with a private /dev, the log at level (nullptr: no
@@ -85,7 +93,9 @@ class E2eTest : public ChildTest {
     std::istringstream in(NormalizeLog(ReadFile(ctx_.LogPath())));
     for (std::string line; std::getline(in, line);)
       if (keep == nullptr || std::regex_search(line, std::regex(keep))) log += line + "\n";
-    ExpectGolden(name, ReadScratch("notes.txt") + "--- module calls\n" + ReadScratch("calls.txt") + "--- log\n" + log, subs);
+    std::string calls = ReadScratch("calls.txt");  // one line: the order is what counts
+    std::replace(calls.begin(), calls.end(), '\n', ';');
+    ExpectGolden(name, ReadScratch("notes.txt") + "module calls: " + calls + "\n" + log, subs);
   }
 };
 

@@ -41,14 +41,4 @@ void MakeFifo(const std::string& name) {
   ASSERT_EQ(mkfifo(DevPath(name).c_str(), 0666), 0) << name << ": " << std::strerror(errno);
 }
 
-void MakeFile(const std::string& name, const std::string& content) { WriteFile(DevPath(name), content); }
-
-void MakeDanglingSymlink(const std::string& name) {
-  ASSERT_EQ(symlink("/nonexistent/tavik-camera", DevPath(name).c_str()), 0) << name << ": " << std::strerror(errno);
-}
-
-void RemoveNode(const std::string& name) {
-  ASSERT_EQ(unlink(DevPath(name).c_str()), 0) << name << ": " << std::strerror(errno);
-}
-
 }  // namespace tavik_test

@@ -11,12 +11,9 @@ namespace tavik_test {
 bool TryEnterPrivateDev(std::string* why);
 // Child only: as above, or ends the child as skipped with the reason.
 void EnterPrivateDev();
-
-// Nodes under /dev; each fails the current case when it cannot be made.
-void MakeFifo(const std::string& name);
-void MakeFile(const std::string& name, const std::string& content = std::string());
-void MakeDanglingSymlink(const std::string& name);
-void RemoveNode(const std::string& name);
 inline std::string DevPath(const std::string& name) { return "/dev/" + name; }
+// A FIFO node under /dev: real blocking reads and writes, the kernel's own
+// ENOTTY for camera request codes. Fails the current case when it can't.
+void MakeFifo(const std::string& name);
 
 }  // namespace tavik_test
