@@ -1,14 +1,10 @@
-// Shared by the unit tests: a sink that records what the log's worker delivers
-// and can hold the worker inside a delivery, counts read from /proc and from the
-// heap, and a forked child for process-wide state (time zone, standard streams).
+// Shared by the unit tests: a sink that records what the log's worker delivers and
+// can hold the worker inside a delivery, and counts read from /proc and the heap.
 #pragma once
 
 #include <dirent.h>
 #include <malloc.h>
-#include <sys/wait.h>
 #include <unistd.h>
-
-#include <cstdio>
 
 #include "log/ILogListener.h"
 #include "log/Log.h"
@@ -36,24 +32,16 @@ public:
         m_permits = n;
         m_cond.notify_all();
     }
-    bool WaitHeld() { return Wait(10s, [this] { return m_waiting > 0 && m_permits == 0; }); }
-    bool WaitLines(size_t n) { return Wait(60s, [&] { return m_lines.size() >= n; }); }
+    bool WaitHeld() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_cond.wait_for(lock, 10s, [this] { return m_waiting > 0 && m_permits == 0; });
+    }
     std::vector<kt::LogEntry> Lines() {
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_lines;
     }
-    Strings Texts() {
-        Strings texts;
-        for (const kt::LogEntry& e : Lines()) texts.push_back(e.m_message);
-        return texts;
-    }
 
 private:
-    template <class Pred>
-    bool Wait(std::chrono::seconds limit, Pred pred) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_cond.wait_for(lock, limit, pred);
-    }
     std::mutex m_mutex;
     std::condition_variable m_cond;
     long m_permits = -1;
@@ -70,9 +58,8 @@ inline size_t CountEntries(const char* folder) {
     return n;
 }
 
-// The thread count once it equals expected, or after 2 s (a joined thread can stay
-// listed for a moment). The baseline (no expected) is taken after a thread has
-// come and gone, as some sanitizers start a helper of their own with the first one.
+// The thread count once it equals expected, or after 2 s: a joined thread can stay listed a moment.
+// A baseline (no expected) follows a thread that came and went: sanitizers may start a helper then.
 inline size_t Threads(size_t expected = 0) {
     if (expected == 0) std::thread([] {}).join(), std::this_thread::sleep_for(50ms);
     size_t n = CountEntries("/proc/self/task");
@@ -87,16 +74,6 @@ inline size_t HeapInUse() {
 #else
     return mallinfo2().uordblks;
 #endif
-}
-
-// Runs body in a forked child; the result is the child's exit code, -1 if it died.
-template <class Body>
-int RunInChild(Body body) {
-    std::fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) _exit(body());
-    int status = 0;
-    return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 } // namespace ut
