@@ -1,0 +1,82 @@
+// Camera-list and device-list rules on records no module or /dev gives cheaply: a device
+// missing one operation, lists with holes left by failed adds, a type that does not exist.
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstring>
+
+#include "ddi/tavik_ddi_internal.h"
+#include "driver/tavik_driver_internal.h"
+#include "error/LastError.h"
+
+namespace {
+
+const size_t kOperations[] = {offsetof(tavik_driver_device, open), offsetof(tavik_driver_device, close),
+    offsetof(tavik_driver_device, read), offsetof(tavik_driver_device, write), offsetof(tavik_driver_device, ioctl),
+    offsetof(tavik_driver_device, last_error_msg), offsetof(tavik_driver_device, start_notif_thread),
+    offsetof(tavik_driver_device, stop_notif_thread)};
+
+void NeverCalled() {}
+
+// A driver record whose null-terminated list holds the given devices (-1: a hole).
+// The camera list only tests that the eight operations are there; none is called.
+struct FakeDriver {
+    explicit FakeDriver(std::vector<int> slots) : devices(slots.size()) {
+        void (*op)() = NeverCalled;
+        for (auto& d : devices) for (size_t at : kOperations) std::memcpy(reinterpret_cast<char*>(&d) + at, &op, sizeof(op));
+        for (int s : slots) list.push_back(s < 0 ? nullptr : &devices[s]);
+        list.push_back(nullptr);
+        record.device_list = list.data();
+    }
+    std::vector<tavik_driver_device> devices;
+    std::vector<tavik_driver_device*> list;
+    tavik_driver record{};
+};
+
+TEST(CameraList, EveryOneOfTheEightOperationsIsRequired) {
+    for (const size_t op : kOperations) {
+        FakeDriver usb({0, 1});
+        std::memset(reinterpret_cast<char*>(&usb.devices[0]) + op, 0, sizeof(void*));
+        Ddi ddi{};
+        ddi.drivers[TAVIK_DRIVER_TYPE_USB] = &usb.record;
+        ddi_update_device_list(&ddi);
+        EXPECT_TRUE(ddi.cam_count == 1 && ddi.devices[0] == &usb.devices[1]) << "operation at offset " << op;
+    }
+}
+
+TEST(CameraList, WalkStopsAtTheFirstHoleAndEmptySlotsGiveNoCameras) {
+    FakeDriver firstFailed({-1, 0}), holed({0, -1, 1}), emulator({0});
+    tavik_driver noList{};
+    Ddi ddi{};
+    ddi.cam_count = 9;
+    ddi.drivers[TAVIK_DRIVER_TYPE_USB] = &firstFailed.record; // the PCI slot stays null
+    ddi.drivers[TAVIK_DRIVER_TYPE_1394] = &holed.record;
+    ddi.drivers[TAVIK_DRIVER_TYPE_PCIE] = &noList;
+    ddi.drivers[TAVIK_DRIVER_TYPE_VIRTUAL] = &emulator.record;
+    ddi_update_device_list(&ddi);
+    ASSERT_EQ(ddi.cam_count, 2);
+    EXPECT_TRUE(ddi.devices[0] == &holed.devices[0] && ddi.devices[1] == &emulator.devices[0]);
+}
+
+TEST(KernelDriver, FailedAddsLeaveHolesThatUninitStillFreesAndUnknownTypesAreRefused) {
+    tavik_driver driver{};
+    // The adds of indexes 0, 3 and 4 failed: counted, never written. Uninit must
+    // still free the devices behind the holes (the leak check of the asan run).
+    for (uns16 index : {1, 2, 5}) ASSERT_EQ(tavik_driver_kernel_add_new_device(&driver, index, "tavikSW", ""), QX_OK);
+    const bool filled[7] = {false, true, true, false, false, true, false};
+    for (int i = 0; i < 7; ++i) EXPECT_EQ(driver.device_list[i] != nullptr, filled[i]) << i;
+    // A device without a path (the /dev scan never makes one) cannot be opened.
+    EXPECT_EQ(driver.device_list[5]->open(driver.device_list[5]), KZ_ERR_STATE_INVALID);
+    EXPECT_STREQ(kt::LastError::GetDetails(), "File path is empty");
+    tavik_driver_kernel_uninit(&driver);
+    EXPECT_TRUE(driver.device_list == nullptr && driver.driver_word == 0);
+
+    tavik_driver* loaded = reinterpret_cast<tavik_driver*>(0x1);
+    EXPECT_EQ(tavik_driver_load_kernel_mode(static_cast<E_TAVIK_DRIVER_TYPE>(5), &loaded), QX_FAIL);
+    EXPECT_EQ(loaded, nullptr);
+    driver.driver_word = 7;
+    EXPECT_EQ(tavik_driver_kernel_init(&driver, static_cast<E_TAVIK_DRIVER_TYPE>(5)), QX_FAIL);
+    EXPECT_TRUE(driver.device_list == nullptr && driver.driver_word == 0);
+}
+
+} // namespace

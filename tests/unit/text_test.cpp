@@ -1,0 +1,201 @@
+// Texts at their edges: formatting, hex dumps, stamps, system error texts, ids,
+// the last-error text, the error codes and the diagnostic names.
+#include <gtest/gtest.h>
+
+#include <dlfcn.h>
+#include <sys/syscall.h>
+
+#include <atomic>
+#include <cstring>
+#include <set>
+
+#include "error/LastError.h"
+#include "error/tavik_error_strings.h"
+#include "log/StringUtils.h"
+#include "names/EnumUtils.h"
+#include "names/NameTable.h"
+#include "names/bridgecom_strings.h"
+#include "names/drivercom_caps_strings.h"
+#include "names/hostcom_strings.h"
+#include "unit_support.h"
+
+using kt::LogUtils;
+
+namespace {
+
+const char* const U = "<UNKNOWN>";
+constexpr wint_t kEuro = 0x20AC; // not encodable in the C locale: formatting fails
+
+std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+std::string Format(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    const std::string text = LogUtils::FormatArgsToStdString(format, args);
+    va_end(args);
+    return text;
+}
+
+TEST(LogUtils, FormattingHexDumpsAndErrorTexts) {
+    const std::string big(100000, 'q');
+    const unsigned char bytes[] = {1, 2, 10, 0x7F, 0, 255, 0xAB};
+    std::string appended = "dump: ";
+    kt::StringUtils::ByteArrayToHexString(appended, bytes + 4, 2, "");
+    kt::StringUtils::ByteArrayToHexString(appended, bytes, 0, ",");
+    const std::pair<std::string, std::string> cases[] = {
+        {Format("pDdi=0x%p", reinterpret_cast<void*>(0x1234)), "pDdi=0x0x1234"},
+        {Format("%s %d %05u %.3s", "a", -7, 42u, "abcdef"), "a -7 00042 abc"},
+        {Format("ab%cde", 0), "ab"}, {Format("[%s]", big.c_str()), "[" + big + "]"}, // a NUL ends the text
+        {LogUtils::FormatByteArrayToHexString(bytes, 3), "0x01,0x02,0x0A"},
+        {LogUtils::FormatByteArrayToHexString(bytes + 3, 1), "0x7F"},
+        {LogUtils::FormatByteArrayToHexString(nullptr, 5) + LogUtils::FormatByteArrayToHexString(bytes, 0), ""},
+        {kt::StringUtils::ByteArrayToHexString(bytes + 4, 3, ", "), "0x00, 0xFF, 0xAB"},
+        {appended, "dump: 0x000xFF"},
+        {LogUtils::GetErrorString(ENOENT), "No such file or directory"},
+        {LogUtils::GetErrorString(123456), "Unknown error 123456"}};
+    for (const auto& [got, expected] : cases) EXPECT_EQ(got, expected);
+    EXPECT_THROW(Format("%lc", kEuro), std::logic_error);
+    LogUtils::GetDynLibErrorString(); // clears anything pending
+    EXPECT_EQ(dlopen("/nonexistent/tavik_x.x86_64.umd", RTLD_NOW), nullptr);
+    EXPECT_NE(LogUtils::GetDynLibErrorString().find("/nonexistent/tavik_x.x86_64.umd"), std::string::npos);
+    EXPECT_EQ(LogUtils::GetDynLibErrorString(), "Unknown error") << "reported twice";
+}
+
+TEST(LogUtils, StampsInAFixedZoneAndIdsInAForkedChild) {
+    const uint32_t pid = LogUtils::GetCurrentProcessId(), tid = LogUtils::GetCurrentThreadId();
+    long other = 0, otherSys = 1;
+    std::thread([&] { other = LogUtils::GetCurrentThreadId(), otherSys = syscall(SYS_gettid); }).join();
+    EXPECT_TRUE(pid == uint32_t(getpid()) && other == otherSys && uint32_t(other) != tid);
+    // A child of its own: the time zone is process-wide, and its ids are not the ones its parent cached.
+    EXPECT_EXIT(([pid] {
+        const struct { const char* tz; long long s, us; const char *time, *date; } cases[] = {
+            {"UTC", 1700000000, 4817, "221320.004817", "2023-11-14"}, {"UTC", 0, 5, "000000.000005", "1970-01-01"},
+            {"UTC-2", 1700000000, 999999, "001320.999999", "2023-11-15"}};
+        int wrong = 0;
+        for (const auto& c : cases) {
+            setenv("TZ", c.tz, 1), tzset();
+            const kt::TimePoint t(std::chrono::nanoseconds(c.s * 1000000000LL + c.us * 1000));
+            wrong += LogUtils::GetTimeStamp(t) != c.time || LogUtils::GetDateStamp(t) != c.date;
+        }
+        const uint32_t childPid = LogUtils::GetCurrentProcessId();
+        wrong += childPid != uint32_t(getpid()) || childPid == pid || LogUtils::GetCurrentThreadId() != syscall(SYS_gettid);
+        std::_Exit(wrong);
+    })(), testing::ExitedWithCode(0), "");
+}
+
+TEST(LastError, FormattedReplacedReusedKeptWholeAndNeverThrowing) {
+    kt::LastError::SetDetails("Error %d (%s)", 2, "No such file or directory");
+    kt::LastError::SetDetails("%s; again: %s", kt::LastError::GetDetails(), kt::LastError::GetDetails());
+    EXPECT_STREQ(kt::LastError::GetDetails(), "Error 2 (No such file or directory); again: Error 2 (No such file or directory)");
+    const std::string big(20000, 'x');
+    kt::LastError::SetDetails("<%s>", big.c_str());
+    EXPECT_EQ(kt::LastError::GetDetails(), "<" + big + ">");
+    kt::LastError::SetDetails("%lc", kEuro); // neither throws nor leaves the older text standing
+    EXPECT_STREQ(kt::LastError::GetDetails(), "");
+    kt::LastError::SetDetails("%s", "set"), kt::LastError::ClearDetails();
+    EXPECT_STREQ(kt::LastError::GetDetails(), "");
+}
+
+TEST(ErrorCodes, KnownRangesAreNamedTheRestIsUnknownAndOnly16BitsCount) {
+    std::set<std::string> names;
+    for (uint32_t code = 0; code <= 0xFFFF; ++code) {
+        const std::string name = GetErrCodeName(code), message = GetErrMessage(code);
+        if (code > 18 && code != 129 && (code < 150 || code > 203)) {
+            ASSERT_EQ(name + " " + message, "<UNKNOWN> Unknown error (<UNKNOWN>)") << code;
+        } else { // every message ends with its own name in parentheses
+            ASSERT_TRUE(name.rfind("KZ_ERR_", 0) == 0 && names.insert(name).second) << code;
+            ASSERT_EQ(message.substr(message.rfind(" (") + 2), name + ")") << code;
+        }
+    }
+    const std::pair<uint32_t, const char*> spots[] = {
+        {0, "No error (KZ_ERR_NONE)"},
+        {8, "A mis-configuration of interface bus has occurred (KZ_ERR_BC_INVALID_CAM_SPEED)"},
+        {18, "Parameter permission does not allow that operation (KZ_ERR_BC_PARAMETER_PERMISSION)"},
+        {129, "Operation is pending (KZ_ERR_BC_PENDING)"},
+        {150, "Unexpected or unknown error (KZ_ERR_UNKNOWN)"},
+        {65536 + 184, "Invalid internal state (KZ_ERR_STATE_INVALID)"},
+        {193, "Incompatible DDI library, installation corrupted (KZ_ERR_DDI_LIBRARY_INCOMPATIBLE)"},
+        {203, "Waiting on driver device event timed out (KZ_ERR_DDI_EVENT_WAIT_TIMEOUT)"},
+        {0xFFFF80B8u, "Unknown error (<UNKNOWN>)"}}; // int16 0x80B8 widened: not 184
+    for (const auto& [code, message] : spots) {
+        EXPECT_EQ(GetErrMessage(code), std::string(message)) << code;
+        EXPECT_NE(std::string(message).find(std::string("(") + GetErrCodeName(code) + ")"), std::string::npos) << code;
+    }
+}
+
+using NameFn = const char* (*)(uint32_t);
+template <typename T>
+const char* Name(uint32_t value) {
+    return kt::EnumUtils::GetName(static_cast<T>(value));
+}
+
+// Members found by sweeping 0..0xFFFF (0 where the values lie beyond), and spot values.
+const struct Table { NameFn fn; size_t members; std::vector<std::pair<uint32_t, const char*>> spots; } kTables[] = {
+    {Name<_KZ_DRIVER_TYPE>, 5, {{2, "TAVIK_DRIVER_TYPE_USB"}}}, {Name<KZ_PARAM_ACCESS>, 4, {{4, "ACC_WRITE_ONLY"}}},
+    {Name<E_CAMERA_BRIDGE_COMMANDS>, 33, {{32, "QX_DATA_GET_XFER_BUFFER_SIZE"}}},
+    {GetBridgeComDebugString, 34, {{33, "QX_MAX_BRIDGE_COMMANDS"}}},
+    {GetHostComDebugString, 231, {{115, "GET_SMART_STREAM_DLY_PARAMS"}, {230, "LAST_HOST_CMD"}, {~0u, U}}},
+    {GetDriverComCapsString, 8, {{0x10000u, "<none>"}, {0x10008u, U}, {0x10005u, "KZ_DRIVERCAPS_(CIRC_BUFFER|NOTIF_COMPLETE)"},
+                                 {0xFFFF0007u, "KZ_DRIVERCAPS_(CIRC_BUFFER|CIRC_BUFFER_LOCKING|NOTIF_COMPLETE)"}}},
+    {Name<E_HOST_CCL_SCRIPT>, 37, {{36, "OP_PARALLEL_CLEAR"}}}, {Name<_KZ_DDI_STATUS>, 19, {{117, "EXP_ST_EMPTY_DATA_I"}}},
+    {Name<KZ_CAM_INTERFACE_TYPES>, 18, {{0x802, "KZ_CAM_IFC_TYPE_PCIE_X1"}}},
+    {Name<KZ_EXPOSURE_MODES>, 15, {{3584, "EXT_TRIG_LEVEL_PULSED"}}}, {Name<_KZ_PARAM_TYPE>, 19, {{22, "TYPE_RGN_LIST_TYPE"}}},
+    {Name<_KZ_CCS_OPTION>, 6, {{5, "HC_CCS_CONT_CLEAR|HC_CCS_OPEN_SHTR"}}},
+    {Name<KZ_IMAGE_STATUSES>, 6, {{3, "READOUT_COMPLETE/FRAME_AVAILABLE"}}},
+    {Name<_KZ_PARAM_ID>, 0, {{0x10201FF, "PARAM_BIT_DEPTH"}, {0x1020200, U}, {0xD020081, "PARAM_CHIP_NAME"}}},
+    {Name<_KZ_IOCTL>, 0, {{0xC0103D1Fu, "TAVIK_IOC_GET_NOTIFICATIONS"}, {0x80083D1Fu, U}}},
+    {Name<_KZ_NOTIF>, 0, {{0, "<none>"}, {0xC, "NOTIFICATION_BOF_EOF"}, {0x80000000u, "NOTIFICATION_ACK_FLUSH"}, {3, U}}}};
+
+TEST(Names, EveryMemberOfARangeHasItsOwnNameEveryOtherValueTheirPlaceholder) {
+    for (const Table& t : kTables) {
+        for (const auto& [value, name] : t.spots) EXPECT_STREQ(t.fn(value), name) << std::hex << value;
+        std::set<std::string> names;
+        for (uint32_t value = 0; t.members != 0 && value <= 0xFFFF; ++value) {
+            const char* name = t.fn(value);
+            ASSERT_TRUE(name != nullptr && (std::strcmp(name, U) == 0 || names.insert(name).second)) << value;
+        }
+        EXPECT_EQ(names.size(), t.members) << t.spots[0].second;
+    }
+}
+
+TEST(Names, LookupsAllocateNothingAndAgreeAcrossThreads) {
+    std::atomic<int> wrong{0};
+    auto lookUp = [&wrong] {
+        for (const Table& t : kTables) {
+            for (const auto& [value, name] : t.spots) wrong += std::strcmp(t.fn(value), name) != 0;
+        }
+    };
+    const size_t heap = ut::HeapInUse();
+    lookUp(), Name<_KZ_EXP_MODE>(0x0B03);
+    EXPECT_EQ(ut::HeapInUse(), heap);
+    std::thread threads[4]; // the exposure mode's one shared text is not for several threads
+    for (auto& t : threads) t = std::thread([&] { for (int round = 0; round < 300; ++round) lookUp(); });
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(wrong.load(), 0);
+}
+
+TEST(Names, ExposureModesAreComposedIntoOneSharedText) {
+    const std::pair<uint32_t, const char*> cases[] = {
+        {0, "TIMED_MODE"}, {6, "INT_STROBE_MODE"}, {7, U}, {255, U}, {0x12340002u, "BULB_MODE"},
+        {0x0702, "EXT_TRIG_INTERNAL|EXPOSE_OUT_ANY_ROW"}, {0x0B03, "EXT_TRIG_SOFTWARE_FIRST|EXPOSE_OUT_ROLLING_SHUTTER"},
+        {0xFFFF0904u, "EXT_TRIG_EDGE_RISING|EXPOSE_OUT_LINE_TRIGGER"}, {0x0706, "EXT_TRIG_INTERNAL|<UNKNOWN>"},
+        {0x0101, "<UNKNOWN>|EXPOSE_OUT_ALL_ROWS"}, {0x1702, "<UNKNOWN>|EXPOSE_OUT_ANY_ROW"},
+        {0xFFFF, "<UNKNOWN>|<UNKNOWN>"}, {1, "STROBED_MODE"}};
+    const char* shared = Name<_KZ_EXP_MODE>(0);
+    for (const auto& [value, text] : cases) {
+        EXPECT_EQ(Name<_KZ_EXP_MODE>(value), shared) << "every call overwrites the one text";
+        EXPECT_STREQ(shared, text) << std::hex << value;
+    }
+}
+
+TEST(Names, IndexAndSearchAgreeAtTheExtremesAndOnEmptyInput) {
+    constexpr kt::NameEntry kEntries[] = {{0u, "zero"}, {1u, "one"}, {~1u, "max-1"}, {~0u, "max"}};
+    static_assert(!kt::MakeNameTable(kEntries).IsDense() && kt::MakeNameTable({{3u, "c"}, {2u, "b"}}).IsDense());
+    const std::pair<uint32_t, const char*> sparse[] = {{0, "zero"}, {1, "one"}, {2, U}, {~2u, U}, {~1u, "max-1"}, {~0u, "max"}};
+    for (const auto& [value, name] : sparse) EXPECT_STREQ(kt::FindName(kEntries, 4, false, value), name) << value;
+    const std::pair<uint32_t, const char*> run[] = {{~0u, U}, {0, "zero"}, {1, "one"}, {2, U}};
+    for (const auto& [value, name] : run) EXPECT_STREQ(kt::FindName(kEntries, 2, true, value), name) << value;
+    EXPECT_STREQ(kt::FindName(nullptr, 0, true, 0), U);
+    EXPECT_STREQ(kt::FindName(nullptr, 0, false, 7), U);
+}
+
+} // namespace
