@@ -48,7 +48,7 @@ TEST_F(LibraryLoad, LogFileAndLevelFromTheEnvironment) {
     const char* letters;  // nullptr: no file at all
   } rows[] = {{nullptr, nullptr, nullptr}, {"", "T", nullptr}, {"/nonexistent/ddi.log", nullptr, nullptr},
               {"log", nullptr, "DEITW"},   {"log", "", "DEITW"}, {"log", "2", "DEITW"},
-              {"log", "x", "DEITW"},       {"log", "e", "E"},    {"log", "Error", "E"},
+              {"log", "x", "DEITW"},       {"log", " e", "DEITW"}, {"log", "e", "E"},    {"log", "Error", "E"},
               {"log", "warning", "EW"},    {"log", "Info", "EIW"}, {"log", "debug", "DEIW"}};
   for (const Row& row : rows) {
     SCOPED_TRACE(std::string(row.file ? row.file : "(unset)") + " at " + (row.level ? row.level : "(unset)"));
