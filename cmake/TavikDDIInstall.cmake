@@ -1,7 +1,12 @@
-# What `cmake --install` lays out, and what the Debian package carries:
-#   lib/libtavikDDI.so -> .so.3 -> .so.3.1.88, include/tavik/*.h,
-#   lib/pkgconfig/tavikddi.pc, lib/cmake/TavikDDI/ (find_package(TavikDDI)),
-#   bin/tavik-ddi-probe, lib/tavik/modules/tavik_virtual.x86_64.umd.
+# What `cmake --install` lays out, in the four components that become the four
+# Debian packages (cmake/TavikDDIPackaging.cmake):
+#   runtime   lib/libtavikDDI.so.3 -> .so.3.1.88
+#   dev       include/tavik/*.h, lib/libtavikDDI.so, lib/pkgconfig/tavikddi.pc,
+#             lib/cmake/TavikDDI/ (find_package(TavikDDI))
+#   probe     bin/tavik-ddi-probe, share/man/man1/tavik-ddi-probe.1.gz
+#   emulator  lib/tavik/modules/tavik_virtual.x86_64.umd, only when asked for
+#             (`--component emulator`): the installed library finds it with no
+#             variable set, and a rig must not list a virtual camera it never chose.
 # Test programs, fixture modules and benchmarks have no install rules on purpose.
 include(CMakePackageConfigHelpers)
 
@@ -13,33 +18,36 @@ set(TAVIK_INSTALL_MODULEDIR ${CMAKE_INSTALL_LIBDIR}/tavik/modules)
 
 # Without TAVIK_UMD_PATH the library asks the dynamic loader for the known
 # module names; the installed library's RUNPATH makes the loader look in the
-# installed modules folder, so an installed kit finds its own modules. Only the
-# installed copy gets it: in the build tree, tests decide where modules come from.
+# installed modules folder, so an installed kit finds the modules installed
+# with it.
 file(RELATIVE_PATH TAVIK_LIB_TO_MODULES
   /prefix/${CMAKE_INSTALL_LIBDIR} /prefix/${TAVIK_INSTALL_MODULEDIR})
-# The build-tree copy carries the same relative path (there is no
-# lib/tavik/modules in the build tree, so it finds nothing there): a separate
-# build path would be padded by CMake with empty entries, which the loader
-# reads as the current directory.
+# The build-tree copy carries the same RUNPATH, which finds nothing there (the
+# build tree has no lib/tavik/modules: in the build tree, TAVIK_UMD_PATH or the
+# tests decide where modules come from). A separate build path would be padded
+# by CMake with empty entries, which the loader reads as the current directory.
 set_target_properties(tavikDDI PROPERTIES
   INSTALL_RPATH "$ORIGIN/${TAVIK_LIB_TO_MODULES}"
   BUILD_WITH_INSTALL_RPATH ON)
 
 # The target already carries its installed include folder in its interface.
 install(TARGETS tavikDDI EXPORT TavikDDITargets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/tavik
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev
   FILES_MATCHING PATTERN "*.h")
 
 if(TARGET tavik_virtual)
-  install(TARGETS tavik_virtual LIBRARY DESTINATION ${TAVIK_INSTALL_MODULEDIR})
+  install(TARGETS tavik_virtual LIBRARY DESTINATION ${TAVIK_INSTALL_MODULEDIR}
+    COMPONENT emulator EXCLUDE_FROM_ALL)
   # The emulator's request and frame records, for cores and tests that drive it.
   install(FILES ${PROJECT_SOURCE_DIR}/modules/virtual/tavik_virtual.h
-    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tavik)
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tavik COMPONENT dev)
 endif()
 if(TARGET tavik-ddi-probe)
-  install(TARGETS tavik-ddi-probe RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(TARGETS tavik-ddi-probe RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT probe)
+  install(FILES ${PROJECT_BINARY_DIR}/tools/tavik-ddi-probe/tavik-ddi-probe.1.gz
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT probe)
 endif()
 
 # CMake package: find_package(TavikDDI) gives TavikDDI::tavikDDI and
@@ -48,7 +56,7 @@ endif()
 install(EXPORT TavikDDITargets
   NAMESPACE TavikDDI::
   FILE TavikDDITargets.cmake
-  DESTINATION ${TAVIK_INSTALL_CMAKEDIR})
+  DESTINATION ${TAVIK_INSTALL_CMAKEDIR} COMPONENT dev)
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/TavikDDIConfig.cmake.in
   ${CMAKE_BINARY_DIR}/cmake/TavikDDIConfig.cmake
   INSTALL_DESTINATION ${TAVIK_INSTALL_CMAKEDIR}
@@ -60,7 +68,7 @@ write_basic_package_version_file(${CMAKE_BINARY_DIR}/cmake/TavikDDIConfigVersion
 install(FILES
   ${CMAKE_BINARY_DIR}/cmake/TavikDDIConfig.cmake
   ${CMAKE_BINARY_DIR}/cmake/TavikDDIConfigVersion.cmake
-  DESTINATION ${TAVIK_INSTALL_CMAKEDIR})
+  DESTINATION ${TAVIK_INSTALL_CMAKEDIR} COMPONENT dev)
 
 # pkg-config: the prefix is found from the .pc file's own place for the same reason.
 file(RELATIVE_PATH TAVIK_PC_TO_PREFIX
@@ -68,4 +76,5 @@ file(RELATIVE_PATH TAVIK_PC_TO_PREFIX
 string(REGEX REPLACE "/$" "" TAVIK_PC_TO_PREFIX "${TAVIK_PC_TO_PREFIX}")
 configure_file(${CMAKE_CURRENT_LIST_DIR}/tavikddi.pc.in
   ${CMAKE_BINARY_DIR}/cmake/tavikddi.pc @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/cmake/tavikddi.pc DESTINATION ${TAVIK_INSTALL_PKGCONFIGDIR})
+install(FILES ${CMAKE_BINARY_DIR}/cmake/tavikddi.pc DESTINATION ${TAVIK_INSTALL_PKGCONFIGDIR}
+  COMPONENT dev)

@@ -1,65 +1,75 @@
-# Builds the Debian package from the build tree and checks what it carries.
-# Inputs: BUILD_DIR, WORK_DIR, CPACK, LIBDIR, VERSION.
-cmake_minimum_required(VERSION 3.25)
+# Builds the Debian packages and checks them as a rig meets them: contents,
+# Depends, lintian, what a staged install finds with no variable set, and the
+# run paths that the README names. Inputs: BUILD_DIR, WORK_DIR, CPACK, LIBDIR, VERSION.
+include(${CMAKE_CURRENT_LIST_DIR}/RunChecked.cmake)
 
 file(REMOVE_RECURSE "${WORK_DIR}")
-execute_process(COMMAND "${CPACK}" -G DEB --config "${BUILD_DIR}/CPackConfig.cmake" -B "${WORK_DIR}"
-  RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
-if(NOT rc EQUAL 0)
-  message(FATAL_ERROR "cpack failed (${rc}):\n${out}\n${err}")
-endif()
+run_checked("cpack" "${CPACK}" --config "${BUILD_DIR}/CPackConfig.cmake" -B "${WORK_DIR}")
 file(GLOB debs "${WORK_DIR}/*.deb")
-list(LENGTH debs count)
-if(NOT count EQUAL 1)
-  message(FATAL_ERROR "expected one .deb in ${WORK_DIR}, found: ${debs}")
-endif()
+run_checked("lintian (tools/install-deps.sh all installs it)" lintian --fail-on error ${debs})
 
-execute_process(COMMAND dpkg-deb -c "${debs}" RESULT_VARIABLE rc OUTPUT_VARIABLE listing)
-if(NOT rc EQUAL 0)
-  message(FATAL_ERROR "dpkg-deb -c failed")
-endif()
+# Each package's files (links with their targets) beside copyright and changelog.
 set(lib "usr/${LIBDIR}")
-# Each entry: a regular file ("-" mode) or a link with its target.
-set(expected
-  "^-[^\n]* \\./${lib}/libtavikDDI\\.so\\.3\\.1\\.88\n"
-  "^l[^\n]* \\./${lib}/libtavikDDI\\.so\\.3 -> libtavikDDI\\.so\\.3\\.1\\.88\n"
-  "^l[^\n]* \\./${lib}/libtavikDDI\\.so -> libtavikDDI\\.so\\.3\n"
-  "^-[^\n]* \\./usr/include/tavik/tavik\\.h\n"
-  "^-[^\n]* \\./usr/include/tavik/tavik_types\\.h\n"
-  "^-[^\n]* \\./usr/include/tavik/tavik_errors\\.h\n"
-  "^-[^\n]* \\./usr/include/tavik/tavik_driver\\.h\n"
-  "^-[^\n]* \\./usr/include/tavik/tavik_ddi\\.h\n"
-  "^-[^\n]* \\./${lib}/pkgconfig/tavikddi\\.pc\n"
-  "^-[^\n]* \\./${lib}/cmake/TavikDDI/TavikDDIConfig\\.cmake\n"
-  "^-[^\n]* \\./${lib}/cmake/TavikDDI/TavikDDIConfigVersion\\.cmake\n"
-  "^-[^\n]* \\./${lib}/cmake/TavikDDI/TavikDDITargets\\.cmake\n"
-  "^-rwxr-xr-x[^\n]* \\./usr/bin/tavik-ddi-probe\n"
-  "^-[^\n]* \\./${lib}/tavik/modules/tavik_virtual\\.x86_64\\.umd\n")
-string(REPLACE "\n" ";" lines "${listing}")
-foreach(pattern IN LISTS expected)
-  set(found FALSE)
-  foreach(line IN LISTS lines)
-    if("${line}\n" MATCHES "${pattern}")
-      set(found TRUE)
-      break()
-    endif()
-  endforeach()
-  if(NOT found)
-    message(FATAL_ERROR "package lacks an entry matching ${pattern}\n${listing}")
+set(cmake "${lib}/cmake/TavikDDI/TavikDDI")
+set(include usr/include/tavik/tavik)
+set(libtavikddi3 "${lib}/libtavikDDI.so.3 -> libtavikDDI.so.3.1.88" "${lib}/libtavikDDI.so.3.1.88")
+set(libtavikddi-dev ${cmake}Config.cmake ${cmake}ConfigVersion.cmake ${cmake}Targets-CONFIG.cmake
+  ${cmake}Targets.cmake "${lib}/libtavikDDI.so -> libtavikDDI.so.3" "${lib}/pkgconfig/tavikddi.pc"
+  ${include}.h ${include}_ddi.h ${include}_driver.h ${include}_errors.h ${include}_types.h ${include}_virtual.h)
+set(tavik-ddi-probe usr/bin/tavik-ddi-probe usr/share/man/man1/tavik-ddi-probe.1.gz)
+set(tavik-ddi-emulator "${lib}/tavik/modules/tavik_virtual.x86_64.umd")
+foreach(package libtavikddi3 libtavikddi-dev tavik-ddi-probe tavik-ddi-emulator)
+  set(deb "${WORK_DIR}/${package}_${VERSION}_amd64.deb")
+  list(REMOVE_ITEM debs "${deb}")
+  run_checked("dpkg-deb -c ${package}" dpkg-deb -c "${deb}")
+  string(REGEX MATCHALL "\n[-l][^\n]*" files "\n${RUN_OUTPUT}")
+  list(TRANSFORM files REPLACE "^.* \\./" "")
+  list(TRANSFORM files REPLACE "Targets-[a-z]+\\.cmake$" "Targets-CONFIG.cmake")
+  list(APPEND ${package} usr/share/doc/${package}/changelog.gz usr/share/doc/${package}/copyright)
+  list(SORT files)
+  list(SORT ${package})
+  if(NOT files STREQUAL ${package})
+    message(FATAL_ERROR "${package} carries ${files}\nexpected ${${package}}")
   endif()
+  run_checked("dpkg-deb -f ${package}" dpkg-deb -f "${deb}" Depends)
+  string(APPEND depends "${package}: ${RUN_OUTPUT}")
 endforeach()
-foreach(line IN LISTS lines)
-  if(line MATCHES " \\./.*(test|bench|fixture|\\.a$)")
-    message(FATAL_ERROR "package carries a file that is not part of the kit: ${line}")
-  endif()
-endforeach()
+# dpkg-shlibdeps names the C and C++ runtimes; the others need the same runtime.
+set(runtimes "libc6 [^\n]*libstdc\\+\\+6[^\n]*\n")
+set(same "libtavikddi3 \\(= ${VERSION}\\)")
+if(debs OR NOT depends MATCHES
+    "^libtavikddi3: ${runtimes}libtavikddi-dev: ${same}\ntavik-ddi-probe: ${same}, ${runtimes}tavik-ddi-emulator: ${same}, ${runtimes}$")
+  message(FATAL_ERROR "unexpected packages '${debs}' or Depends:\n${depends}")
+endif()
 
-execute_process(COMMAND dpkg-deb -f "${debs}" Package Version Maintainer Depends Description
-  OUTPUT_VARIABLE fields)
-foreach(pattern "Package: tavik-ddi\n" "Version: ${VERSION}\n" "Maintainer: [^\n]+<[^\n]+@[^\n]+>\n"
-                "Depends: [^\n]*libc6" "Description: [^\n]+")
-  if(NOT fields MATCHES "${pattern}")
-    message(FATAL_ERROR "control fields do not match '${pattern}':\n${fields}")
+# A rig with the runtime and the probe lists no virtual camera; the emulator
+# package makes it appear. The staged probe must load the staged library, and
+# that library find the staged emulator, with no variable set.
+function(expect_staged_probe want)
+  run_checked("staged probe" "${root}/usr/bin/tavik-ddi-probe" --json)
+  string(JSON library GET "${RUN_OUTPUT}" library path)
+  string(JSON module GET "${RUN_OUTPUT}" drivers 4 module)
+  string(JSON cameras LENGTH "${RUN_OUTPUT}" cameras)
+  cmake_path(NORMAL_PATH library) # found through the probe's $ORIGIN/../lib
+  cmake_path(NORMAL_PATH module)
+  if(NOT "${library} '${module}' ${cameras}" STREQUAL "${root}/${lib}/libtavikDDI.so.3 ${want}")
+    message(FATAL_ERROR "staged probe: virtual slot's module and camera count not ${want}:\n${RUN_OUTPUT}")
   endif()
+endfunction()
+file(MAKE_DIRECTORY "${WORK_DIR}/root")
+file(REAL_PATH "${WORK_DIR}/root" root)
+foreach(package libtavikddi3 tavik-ddi-probe)
+  run_checked("dpkg-deb -x ${package}" dpkg-deb -x "${WORK_DIR}/${package}_${VERSION}_amd64.deb" "${root}")
 endforeach()
-message(STATUS "package ${debs} is complete")
+expect_staged_probe("'' 0")
+run_checked("dpkg-deb -x emulator" dpkg-deb -x "${WORK_DIR}/tavik-ddi-emulator_${VERSION}_amd64.deb" "${root}")
+expect_staged_probe("'${root}/${lib}/tavik/modules/tavik_virtual.x86_64.umd' 1")
+
+# The run paths that the README describes, in the build tree (which has no
+# lib/tavik/modules) and installed.
+run_checked("readelf" readelf -d "${BUILD_DIR}/lib/libtavikDDI.so.3.1.88" "${BUILD_DIR}/bin/tavik-ddi-probe"
+  "${root}/${lib}/libtavikDDI.so.3.1.88" "${root}/usr/bin/tavik-ddi-probe")
+set(paths "\\(RUNPATH\\) +Library runpath: \\[\\$ORIGIN/tavik/modules\\].*\\(RPATH\\) +Library rpath: \\[\\$ORIGIN/\\.\\./lib\\]")
+if(EXISTS "${BUILD_DIR}/lib/tavik" OR NOT RUN_OUTPUT MATCHES "${paths}.*${paths}")
+  message(FATAL_ERROR "a build-tree lib/tavik, or unexpected run paths:\n${RUN_OUTPUT}")
+endif()
