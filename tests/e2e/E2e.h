@@ -55,8 +55,10 @@ inline void NoteDdi(const Ddi& ddi) {
          d->mode == TAVIK_DRIVER_MODE_KERNEL && d->type != nullptr ? static_cast<int>(d->type()) : -1, d->handle != nullptr ? "set" : "null",
          static_cast<unsigned long>(d->driver_word), d->file_path, devices);
   }
+  std::string cameras;
   for (unsigned i = 0; i < ddi.cam_count && i < TAVIK_DDI_MAX_CAMERAS; ++i)
-    Note("camera %u: '%s' at '%s'", i, ddi.devices[i]->name, ddi.devices[i]->file_path);
+    cameras += std::string(" '") + ddi.devices[i]->name + "' at " + ddi.devices[i]->file_path + ";";
+  Note("cameras:%s", cameras.c_str());
 }
 
 inline void InitAndUninit(DdiLibrary& lib) {

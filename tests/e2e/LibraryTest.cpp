@@ -3,35 +3,25 @@
 // leave descriptors, threads and memory where they were.
 #include <dlfcn.h>
 
-#include <cstdio>
 #include <set>
 #include <thread>
 
 #include "E2e.h"
+#include "Process.h"
 #include "SimCamera.h"
 
 namespace tavik_test {
 namespace {
 
-std::string Output(const std::string& command) {
-  std::string out;
-  if (FILE* p = popen(command.c_str(), "r")) {
-    char buf[512];
-    while (std::fgets(buf, sizeof buf, p) != nullptr) out += buf;
-    pclose(p);
-  }
-  return out;
-}
-
 TEST(Library, ExportsExactlyTheFourEntryPointsAtTheirVersionUnderItsSoname) {
   const std::string lib = DdiLibrary::Path();
-  EXPECT_EQ(Output("nm -D --defined-only --with-symbol-versions " + lib + " | cut -d' ' -f2- | sort"),
+  EXPECT_EQ(RunProcess({"/bin/sh", "-c", "nm -D --defined-only --with-symbol-versions " + lib + " | cut -d' ' -f2- | sort"}).out,
             "A TAVIK_DDI_3.0\n"
             "T tavik_ddi_get_last_error_message@@TAVIK_DDI_3.0\n"
             "T tavik_ddi_get_lib_version@@TAVIK_DDI_3.0\n"
             "T tavik_ddi_init@@TAVIK_DDI_3.0\n"
             "T tavik_ddi_uninit@@TAVIK_DDI_3.0\n");
-  EXPECT_EQ(Output("objdump -p " + lib + " | grep SONAME"), "  SONAME               libtavikDDI.so.3\n");
+  EXPECT_EQ(RunProcess({"/bin/sh", "-c", "objdump -p " + lib + " | grep SONAME"}).out, "  SONAME               libtavikDDI.so.3\n");
   EXPECT_EQ(lib.substr(lib.rfind('/') + 1), "libtavikDDI.so.3.1.88");
 }
 
