@@ -1,14 +1,10 @@
 #include "ChildProcess.h"
 
-#include <fcntl.h>
 #include <ftw.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -17,7 +13,7 @@ namespace tavik_test {
 namespace {
 
 constexpr int kSkipExit = 77;
-int g_reasonFd = -1;
+std::string g_skipReasonPath;
 
 }  // namespace
 
@@ -26,19 +22,15 @@ void ChildContext::EnableLog(const char* level) const {
   if (level != nullptr) setenv("TAVIK_DDI_LOG_LEVEL", level, 1);
 }
 
-void ChildContext::RecordFixtureCalls() const { setenv("TAVIK_FIXTURE_CALLS", CallsPath().c_str(), 1); }
-
 void SkipChild(const std::string& reason) {
-  if (g_reasonFd >= 0 && write(g_reasonFd, reason.data(), reason.size()) < 0) {
-  }
+  WriteFile(g_skipReasonPath, reason);
   std::fflush(nullptr);
   _exit(kSkipExit);
 }
 
 std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
   std::ostringstream out;
-  out << in.rdbuf();
+  out << std::ifstream(path, std::ios::binary).rdbuf();
   return out.str();
 }
 
@@ -62,16 +54,10 @@ void ChildTest::TearDown() { RemoveTree(ctx_.tmp); }
 std::string ChildTest::ReadScratch(const std::string& name) const { return ReadFile(ctx_.tmp + "/" + name); }
 
 bool ChildTest::RunInChild(const std::function<void(ChildContext&)>& body, int timeoutSec) {
-  int reason[2];
-  if (pipe2(reason, O_CLOEXEC) != 0) {
-    ADD_FAILURE() << "pipe: " << std::strerror(errno);
-    return false;
-  }
+  g_skipReasonPath = ctx_.tmp + "/skip-reason.txt";
   std::fflush(nullptr);  // nothing buffered may be written twice
   pid_t pid = fork();
   if (pid == 0) {
-    close(reason[0]);
-    g_reasonFd = reason[1];
     // The parent's environment must not leak a configuration into a case.
     for (const char* v : {"TAVIK_UMD_PATH", "TAVIK_DDI_LOG_FILE", "TAVIK_DDI_LOG_LEVEL", "TAVIK_FIXTURE_CALLS"})
       unsetenv(v);
@@ -80,17 +66,13 @@ bool ChildTest::RunInChild(const std::function<void(ChildContext&)>& body, int t
     std::fflush(nullptr);
     std::exit(::testing::Test::HasFailure() ? 1 : 0);
   }
-  close(reason[1]);
   int status = 0;
-  bool waited = pid > 0 && waitpid(pid, &status, 0) == pid;
-  std::string why = ReadFile("/proc/self/fd/" + std::to_string(reason[0]));
-  close(reason[0]);
-  if (!waited) {
+  if (pid < 0 || waitpid(pid, &status, 0) != pid) {
     ADD_FAILURE() << "fork or wait failed: " << std::strerror(errno);
   } else if (WIFSIGNALED(status)) {
-    ADD_FAILURE() << "child died of signal " << strsignal(WTERMSIG(status))
-                  << (WTERMSIG(status) == SIGALRM ? " (hang)" : "");
+    ADD_FAILURE() << "child died of signal " << strsignal(WTERMSIG(status)) << (WTERMSIG(status) == SIGALRM ? " (hang)" : "");
   } else if (WEXITSTATUS(status) == kSkipExit) {
+    const std::string why = ReadScratch("skip-reason.txt");
     const char* must = getenv("TAVIK_TEST_REQUIRE_NAMESPACES");
     if (must != nullptr && std::strcmp(must, "1") == 0)
       ADD_FAILURE() << "must not skip (TAVIK_TEST_REQUIRE_NAMESPACES=1): " << why;

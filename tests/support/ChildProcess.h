@@ -12,13 +12,12 @@ namespace tavik_test {
 
 struct ChildContext {
   std::string tmp;  // scratch folder, made by the parent and removed by it afterwards
-
   std::string LogPath() const { return tmp + "/ddi.log"; }
   std::string CallsPath() const { return tmp + "/calls.txt"; }
   // Names the log file (and optionally the level) for the next load of the library.
   void EnableLog(const char* level = nullptr) const;
-  // Makes the fixture modules append their init/uninit/type calls to CallsPath().
-  void RecordFixtureCalls() const;
+  // Makes the fixture modules append their loads and calls to CallsPath().
+  void RecordFixtureCalls() const { setenv("TAVIK_FIXTURE_CALLS", CallsPath().c_str(), 1); }
 };
 
 // Ends the child as skipped; the parent skips the case, or fails it when
@@ -29,7 +28,6 @@ class ChildTest : public ::testing::Test {
  protected:
   void SetUp() override;
   void TearDown() override;
-
   // Runs body in a child with a clean TAVIK_* environment and waits at most
   // timeoutSec for it. The child leaves through exit(), so a library still
   // loaded is torn down as at process end. True when the child passed;
