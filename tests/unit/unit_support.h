@@ -2,11 +2,11 @@
 // can hold the worker inside a delivery, and counts read from /proc and the heap.
 #pragma once
 
-#include <dirent.h>
 #include <malloc.h>
 #include <unistd.h>
 
 #include "log/ILogListener.h"
+#include "support/ProcessStats.h"
 #include "log/Log.h"
 
 namespace ut {
@@ -49,23 +49,9 @@ private:
     std::vector<kt::LogEntry> m_lines;
 };
 
-inline size_t CountEntries(const char* folder) {
-    size_t n = 0;
-    if (DIR* dir = opendir(folder)) {
-        while (dirent* e = readdir(dir)) n += e->d_name[0] != '.' ? 1 : 0;
-        closedir(dir);
-    }
-    return n;
-}
-
-// The thread count once it equals expected, or after 2 s: a joined thread can stay listed a moment.
-// A baseline (no expected) follows a thread that came and went: sanitizers may start a helper then.
-inline size_t Threads(size_t expected = 0) {
-    if (expected == 0) std::thread([] {}).join(), std::this_thread::sleep_for(50ms);
-    size_t n = CountEntries("/proc/self/task");
-    for (int i = 0; i < 2000 && expected != 0 && n != expected; ++i) usleep(1000), n = CountEntries("/proc/self/task");
-    return n;
-}
+using tavik_test::CountOpenFds;
+inline size_t Threads() { return tavik_test::CountThreadsSettled(); }
+inline size_t Threads(size_t expected) { return tavik_test::SettledThreadCount(expected); }
 
 // Bytes in use on the C heap; sanitizers bring their own allocator and leak check.
 inline size_t HeapInUse() {
