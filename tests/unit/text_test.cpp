@@ -111,7 +111,7 @@ TEST(ErrorCodes, KnownRangesAreNamedTheRestIsUnknownAndOnly16BitsCount) {
         {8, "A mis-configuration of interface bus has occurred (KZ_ERR_BC_INVALID_CAM_SPEED)"},
         {18, "Parameter permission does not allow that operation (KZ_ERR_BC_PARAMETER_PERMISSION)"},
         {129, "Operation is pending (KZ_ERR_BC_PENDING)"},
-        {150, "Unexpected or unknown error (KZ_ERR_UNKNOWN)"},
+        {150, "Unexpected or unknown error (KZ_ERR_UNKNOWN)"}, {177, "This device is not open yet (KZ_ERR_DEVICE_NOT_OPEN)"},
         {65536 + 184, "Invalid internal state (KZ_ERR_STATE_INVALID)"},
         {193, "Incompatible DDI library, installation corrupted (KZ_ERR_DDI_LIBRARY_INCOMPATIBLE)"},
         {203, "Waiting on driver device event timed out (KZ_ERR_DDI_EVENT_WAIT_TIMEOUT)"},
