@@ -9,8 +9,11 @@ set -euo pipefail
 kit=(g++ cmake make libcli11-dev nlohmann-json3-dev)
 # GoogleTest and Google Benchmark; pkg-config for the consumer of an installed
 # tree; file, dpkg-dev (dpkg-shlibdeps) and binutils (readelf) for the Debian
-# packages, which lintian then checks.
-all=("${kit[@]}" libgtest-dev libgmock-dev libbenchmark-dev pkg-config file dpkg-dev binutils lintian)
+# packages, which lintian then checks. libc6-dbg lets LeakSanitizer name the
+# loader's frames: without it, it cannot match its own suppression of glibc's
+# thread-local storage for a dlopened library and reports that as a leak.
+all=("${kit[@]}" libgtest-dev libgmock-dev libbenchmark-dev pkg-config file dpkg-dev binutils lintian
+     libc6-dbg)
 
 case "${1:-}" in
   kit) wanted=("${kit[@]}") ;;
