@@ -104,9 +104,8 @@ TEST_F(Emulator, CountAndRateFromTheEnvironmentShapeALimitedAcquisition) {
                              ev[k].p.reserved, ev[k].p.time_stamp_us, ev[k].whole),
                     std::make_tuple(32, 1, type, frame, i, 0, stamp, true)) << "camera " << i << ", event " << k;
         }
-        Dev* d = s.cams[i];
         uns16 got = 0;  // the latest frame, whole, once
-        EXPECT_EQ(d->read(d, g_buf, sizeof g_buf, &got) == 0 ? WholeFrame(g_buf, got) : 0, 2u);
+        EXPECT_EQ(s.cams[i]->read(s.cams[i], g_buf, sizeof g_buf, &got) == 0 ? WholeFrame(g_buf, got) : 0, 2u);
       }
     }
     EXPECT_EQ(SettledThreadCount(threads), threads) << "a clock and a notifier per camera";
@@ -136,6 +135,7 @@ TEST_F(Emulator, StateRulesRequestCodesAndAPromptStop) {
       {OP(d->stop_notif_thread(d)), kNone, "", 0}, {OP(d->start_notif_thread(d, Record)), kNone, "", 0},
       {OP(d->start_notif_thread(d, Record)), kState, "Notification thread already running", 0},
       {OP(SetActive(d, 1000)), kNone, "", 0}, {OP(SetActive(d, 1000)), kState, "Acquisition already active", 0},
+      {OP((usleep(20000), d->read(d, g_buf, 8, reinterpret_cast<uns16*>(v)))), kNone, "", 8},  // frames by now
       {OP(d->stop_notif_thread(d)), kNone, "", 0}, {OP(d->stop_notif_thread(d)), kNone, "", 0},
       {OP(d->close(d)), kNone, "", 0}, {OP(d->open(d)), kNone, "", 0},
       {OP(d->read(d, g_buf, 8, reinterpret_cast<uns16*>(v))), kNone, "", 0},  // no frame since the open
@@ -163,8 +163,9 @@ TEST_F(Emulator, StateRulesRequestCodesAndAPromptStop) {
     // under way; the queue overflows meanwhile, and the stop ends the delivery after that callback.
     g_calls = 0;
     g_hold = 1;
-    ASSERT_TRUE(d->ioctl(d, TAVIK_IOC_ACQ_ABORT, nullptr) == 0 && d->start_notif_thread(d, Record) == 0 &&
-                SetActive(d, 1000) == 0);
+    ASSERT_TRUE(d->ioctl(d, TAVIK_IOC_ACQ_ABORT, nullptr) == 0 && d->start_notif_thread(d, Record) == 0);
+    usleep(20000);  // so that the thread waits for the first frame's wake-up
+    ASSERT_EQ(SetActive(d, 1000), kNone);
     for (int ms = 0; ms < 5000 && g_hold != 2; ++ms) usleep(1000);
     usleep(300000);  // 300 frames, more than the queue holds
     g_hold = 3;
