@@ -80,3 +80,23 @@ TEST(KernelDriver, FailedAddsLeaveHolesThatUninitStillFreesAndUnknownTypesAreRef
 }
 
 } // namespace
+
+// The dumps print to standard output, not to the log: nothing outside reaches them.
+E_TAVIK_DRIVER_TYPE FireWire() { return TAVIK_DRIVER_TYPE_1394; }
+
+TEST(DriverDump, RecordLinesWithTheModeAndTypeTexts) {
+    FakeDriver usb({0});
+    usb.record.mode = TAVIK_DRIVER_MODE_KERNEL;
+    usb.record.type = FireWire;
+    std::strcpy(usb.devices[0].name, "cam");
+    testing::internal::CaptureStdout();
+    tavik_driver_dump(&usb.record);
+    tavik_driver_dump(nullptr);
+    const std::string out = testing::internal::GetCapturedStdout();
+    for (const char* line : {"tavik_driver_dump: mode: KERNEL, type: FireWire, handle: 0x(nil), file_path: ''\n",
+                             "tavik_driver_device_list_dump: device_list: 0x", "tavik_driver_device_dump: device: 0x",
+                             "tavik_driver_dump: driver: 0x(nil)\n"})
+        EXPECT_NE(out.find(line), std::string::npos) << line << " in\n" << out;
+    EXPECT_STREQ(tavik_driver_type_text(5), "<invalid>");
+    EXPECT_STREQ(tavik_driver_mode_text(2), "<invalid>");
+}
