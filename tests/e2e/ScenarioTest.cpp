@@ -138,14 +138,17 @@ const bool kInFreshImage = [] {
 }();
 
 // Device operations on a FIFO: real reads and writes, the kernel's own ENOTTY
-// for a camera request code, every state error, and the texts of each.
+// for a camera request code, every state error, and the texts of each; and on
+// this process's memory file, whose first page is unmapped: reads and writes
+// there fail with EIO.
 TEST_F(Scenario, DeviceOperations) {
   RunScenario("device_io", "trace", [](DdiLibrary& lib) {
     MakeFifo("tavikSW_0");
+    ASSERT_EQ(symlink("/proc/self/mem", DevPath("tavikPCI_0").c_str()), 0);
     Ddi ddi{};
     ASSERT_EQ(lib.init(&ddi), KZ_ERR_NONE);
-    ASSERT_EQ(ddi.cam_count, 1);
-    tavik_driver_device* d = ddi.devices[0];
+    ASSERT_EQ(ddi.cam_count, 2);
+    tavik_driver_device* d = ddi.devices[1];  // the FIFO; the PCI row comes first
     uns8 in[16] = {};
     const uns8 out[5] = {0x01, 0x02, 0x03, 0x0A, 0xFF};
     uns16 n = 99;
@@ -187,6 +190,11 @@ TEST_F(Scenario, DeviceOperations) {
     unlink(DevPath("tavikSW_0").c_str());
     step("open removed node", d->open(d));
     step("close after failed open", d->close(d));
+    d = ddi.devices[0];
+    step("open memory", d->open(d));
+    step("read memory", d->read(d, in, sizeof in, &n));
+    step("write memory", d->write(d, out, sizeof out, &n));
+    step("close memory", d->close(d));
     Note("uninit: %d", lib.uninit(&ddi));
   }, "_dev_");
 }
