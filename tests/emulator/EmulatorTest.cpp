@@ -113,6 +113,8 @@ TEST_F(Emulator, CountAndRateFromTheEnvironmentShapeALimitedAcquisition) {
   });
 }
 
+tavik_driver_device g_foreign = [] { tavik_driver_device d{}; std::strcpy(d.name, "foreign"); return d; }();
+
 // One camera through its rules: each step's result, its text on failure, and what it returned.
 #define OP(call) #call, [](Dev* d, [[maybe_unused]] uint64_t* v) -> int16 { return call; }
 TEST_F(Emulator, StateRulesRequestCodesAndAPromptStop) {
@@ -124,6 +126,10 @@ TEST_F(Emulator, StateRulesRequestCodesAndAPromptStop) {
       {OP(d->close(d)), kState, "Device already closed", 0}, {OP(d->open(d)), kNone, "", 0},
       {OP(d->open(d)), kState, "Device already open", 0},
       {OP(d->close(nullptr)), KZ_ERR_DEVICE_HANDLE_INVALID, "Device is null", 0},
+      {OP(d->close(&g_foreign)), KZ_ERR_DEVICE_HANDLE_INVALID, "Device 'foreign' does not belong to the camera emulator", 0},
+      {OP(d->read(d, nullptr, 8, nullptr)), KZ_ERR_DDI_DEVICE_READ_FAILED, "Null data buffer for 8 bytes", 0},
+      {OP(d->write(d, nullptr, 8, nullptr)), KZ_ERR_DDI_DEVICE_WRITE_FAILED, "Null data buffer for 8 bytes", 0},
+      {OP(d->ioctl(d, TAVIK_IOC_GET_DRIVER_VERSION, nullptr)), kIoctl, "Null argument for request 0x80023d3c", 0},
       {OP(d->write(d, g_buf, 100, reinterpret_cast<uns16*>(v))), kNone, "", 100},
       {OP(d->ioctl(d, TAVIK_IOC_GET_DRIVER_API_VERSION, v)), kNone, "", 0x00010000},
       {OP(d->ioctl(d, TAVIK_IOC_GET_DRIVER_VERSION, v)), kNone, "", 0x0100},

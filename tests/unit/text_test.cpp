@@ -131,6 +131,8 @@ const char* Name(uint32_t value) {
 // Members found by sweeping 0..0xFFFF (0 where the values lie beyond), and spot values.
 const struct Table { NameFn fn; size_t members; std::vector<std::pair<uint32_t, const char*>> spots; } kTables[] = {
     {Name<_KZ_DRIVER_TYPE>, 5, {{2, "TAVIK_DRIVER_TYPE_USB"}}}, {Name<KZ_PARAM_ACCESS>, 4, {{4, "ACC_WRITE_ONLY"}}},
+    {Name<_KZ_DRIVER_MODE>, 2, {{1, "TAVIK_DRIVER_MODE_KERNEL"}}}, {Name<_KZ_DDI_STATE>, 2, {{1, "TAVIK_DDI_STATE_OPEN"}}},
+    {Name<_KZ_CAM_STATE>, 5, {{0, "TAVIK_CAM_STATE_CLOSED"}}},
     {Name<E_CAMERA_BRIDGE_COMMANDS>, 33, {{32, "QX_DATA_GET_XFER_BUFFER_SIZE"}}},
     {GetBridgeComDebugString, 34, {{33, "QX_MAX_BRIDGE_COMMANDS"}}},
     {GetHostComDebugString, 231, {{115, "GET_SMART_STREAM_DLY_PARAMS"}, {230, "LAST_HOST_CMD"}, {~0u, U}}},
