@@ -173,9 +173,10 @@ TEST_F(Emulator, StateRulesRequestCodesAndAPromptStop) {
     usleep(20000);  // so that the thread waits for the first frame's wake-up
     ASSERT_EQ(SetActive(d, 1000), kNone);
     for (int ms = 0; ms < 5000 && g_hold != 2; ++ms) usleep(1000);
-    usleep(300000);  // 300 frames, more than the queue holds
+    tavik_virtual_acq_status st{};  // until the queue has overflowed, however slow the machine
+    for (int ms = 0; ms < 10000 && (d->ioctl(d, TAVIK_IOC_ACQ_GET_STATUS, &st) != 0 || st.frames_dropped == 0); ms += 10)
+      usleep(10000);
     g_hold = 3;
-    tavik_virtual_acq_status st{};
     EXPECT_TRUE(d->stop_notif_thread(d) == 0 && d->ioctl(d, TAVIK_IOC_ACQ_GET_STATUS, &st) == 0);
     EXPECT_EQ(g_calls, 1u) << "records delivered after the stop began";
     EXPECT_GT(st.frames_dropped, 0u) << "a full queue counts the pairs it drops";
