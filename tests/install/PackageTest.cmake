@@ -1,6 +1,8 @@
 # Builds the Debian packages and checks them as a rig meets them: contents,
-# Depends, lintian, what a staged install finds with no variable set, and the
-# run paths that the README names. Inputs: BUILD_DIR, WORK_DIR, CPACK, LIBDIR, VERSION.
+# Depends, lintian, what an unpacked kit finds with no variable set, two cores
+# built against the unpacked -dev package, and the run paths that the README
+# names. Inputs: BUILD_DIR, WORK_DIR, CPACK, LIBDIR, VERSION, SOURCE_DIR,
+# C_COMPILER, GENERATOR.
 include(${CMAKE_CURRENT_LIST_DIR}/RunChecked.cmake)
 
 file(REMOVE_RECURSE "${WORK_DIR}")
@@ -64,6 +66,25 @@ endforeach()
 expect_staged_probe("'' 0")
 run_checked("dpkg-deb -x emulator" dpkg-deb -x "${WORK_DIR}/tavik-ddi-emulator_${VERSION}_amd64.deb" "${root}")
 expect_staged_probe("'${root}/${lib}/tavik/modules/tavik_virtual.x86_64.umd' 1")
+
+# A core built with find_package and one built with pkg-config against the
+# unpacked -dev package: both files locate the prefix from their own place, and
+# the loader must find the unpacked library from what the build recorded.
+run_checked("dpkg-deb -x dev" dpkg-deb -x "${WORK_DIR}/libtavikddi-dev_${VERSION}_amd64.deb" "${root}")
+run_checked("consumer configure" ${CMAKE_COMMAND} -S "${SOURCE_DIR}/consumer" -B "${WORK_DIR}/consumer"
+  -G "${GENERATOR}" "-DCMAKE_PREFIX_PATH=${root}/usr" "-DCMAKE_C_COMPILER=${C_COMPILER}")
+run_checked("consumer build" ${CMAKE_COMMAND} --build "${WORK_DIR}/consumer")
+foreach(via find_package pkg-config)
+  run_checked("${via} consumer" "${WORK_DIR}/consumer/${via}")
+  string(REGEX MATCH "^library '([^']+)'\nmodules '([^']+)'\ninit 0, cameras 1\n$" found "${RUN_OUTPUT}")
+  set(loaded "${CMAKE_MATCH_1}")
+  set(modules "${CMAKE_MATCH_2}")
+  cmake_path(NORMAL_PATH loaded)
+  cmake_path(NORMAL_PATH modules)
+  if(NOT found OR NOT "${loaded} ${modules}" STREQUAL "${root}/${lib}/libtavikDDI.so.3 ${root}/${lib}/tavik/modules")
+    message(FATAL_ERROR "${via} consumer did not run against the unpacked kit:\n${RUN_OUTPUT}")
+  endif()
+endforeach()
 
 # The run paths that the README describes, in the build tree (which has no
 # lib/tavik/modules) and installed.
