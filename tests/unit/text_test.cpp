@@ -5,7 +5,6 @@
 #include <dlfcn.h>
 #include <sys/syscall.h>
 
-#include <atomic>
 #include <cstring>
 #include <set>
 
@@ -13,18 +12,17 @@
 #include "error/tavik_error_strings.h"
 #include "log/StringUtils.h"
 #include "names/EnumUtils.h"
-#include "names/NameTable.h"
 #include "names/bridgecom_strings.h"
 #include "names/drivercom_caps_strings.h"
 #include "names/hostcom_strings.h"
 #include "unit_support.h"
 
 using kt::LogUtils;
+using ut::kEuro;
 
 namespace {
 
 const char* const U = "<UNKNOWN>";
-constexpr wint_t kEuro = 0x20AC; // not encodable in the C locale: formatting fails
 
 std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
 std::string Format(const char* format, ...) {
@@ -159,22 +157,6 @@ TEST(Names, EveryMemberOfARangeHasItsOwnNameEveryOtherValueTheirPlaceholder) {
     }
 }
 
-TEST(Names, LookupsAllocateNothingAndAgreeAcrossThreads) {
-    std::atomic<int> wrong{0};
-    auto lookUp = [&wrong] {
-        for (const Table& t : kTables) {
-            for (const auto& [value, name] : t.spots) wrong += std::strcmp(t.fn(value), name) != 0;
-        }
-    };
-    const size_t heap = ut::HeapInUse();
-    lookUp(), Name<_KZ_EXP_MODE>(0x0B03);
-    EXPECT_EQ(ut::HeapInUse(), heap);
-    std::thread threads[4]; // the exposure mode's one shared text is not for several threads
-    for (auto& t : threads) t = std::thread([&] { for (int round = 0; round < 300; ++round) lookUp(); });
-    for (auto& t : threads) t.join();
-    EXPECT_EQ(wrong.load(), 0);
-}
-
 TEST(Names, ExposureModesAreComposedIntoOneSharedText) {
     const std::pair<uint32_t, const char*> cases[] = {
         {0, "TIMED_MODE"}, {6, "INT_STROBE_MODE"}, {7, U}, {255, U}, {0x12340002u, "BULB_MODE"},
@@ -187,17 +169,6 @@ TEST(Names, ExposureModesAreComposedIntoOneSharedText) {
         EXPECT_EQ(Name<_KZ_EXP_MODE>(value), shared) << "every call overwrites the one text";
         EXPECT_STREQ(shared, text) << std::hex << value;
     }
-}
-
-TEST(Names, IndexAndSearchAgreeAtTheExtremesAndOnEmptyInput) {
-    constexpr kt::NameEntry kEntries[] = {{0u, "zero"}, {1u, "one"}, {~1u, "max-1"}, {~0u, "max"}};
-    static_assert(!kt::MakeNameTable(kEntries).IsDense() && kt::MakeNameTable({{3u, "c"}, {2u, "b"}}).IsDense());
-    const std::pair<uint32_t, const char*> sparse[] = {{0, "zero"}, {1, "one"}, {2, U}, {~2u, U}, {~1u, "max-1"}, {~0u, "max"}};
-    for (const auto& [value, name] : sparse) EXPECT_STREQ(kt::FindName(kEntries, 4, false, value), name) << value;
-    const std::pair<uint32_t, const char*> run[] = {{~0u, U}, {0, "zero"}, {1, "one"}, {2, U}};
-    for (const auto& [value, name] : run) EXPECT_STREQ(kt::FindName(kEntries, 2, true, value), name) << value;
-    EXPECT_STREQ(kt::FindName(nullptr, 0, true, 0), U);
-    EXPECT_STREQ(kt::FindName(nullptr, 0, false, 7), U);
 }
 
 } // namespace

@@ -1,8 +1,8 @@
 // Shared by the unit tests: a sink that records what the log's worker delivers and
-// can hold the worker inside a delivery, and counts read from /proc and the heap.
+// can hold the worker inside a delivery, and counts read from /proc.
 #pragma once
 
-#include <malloc.h>
+#include <cwchar>
 #include <unistd.h>
 
 #include "log/ILogListener.h"
@@ -53,13 +53,6 @@ using tavik_test::CountOpenFds;
 inline size_t Threads() { return tavik_test::CountThreadsSettled(); }
 inline size_t Threads(size_t expected) { return tavik_test::SettledThreadCount(expected); }
 
-// Bytes in use on the C heap; sanitizers bring their own allocator and leak check.
-inline size_t HeapInUse() {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    return 0;
-#else
-    return mallinfo2().uordblks;
-#endif
-}
+constexpr wint_t kEuro = 0x20AC; // not encodable in the C locale: formatting fails
 
 } // namespace ut
