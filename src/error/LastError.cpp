@@ -28,10 +28,10 @@ void LastError::SetDetails(const char* format, ...) {
         std::string formatted = LogUtils::FormatArgsToStdString(format, args);
         current.swap(formatted);
     } catch (...) {
-        // Called on failure paths behind C entry points: an unformattable text or
-        // exhausted memory must not throw there. A stale text would describe the
-        // wrong failure, so the text is emptied instead.
-        current.clear();
+        // Called on failure paths behind C entry points, so nothing may leave
+        // here. A format the C library rejects (or exhausted memory) never got
+        // as far as the swap: the thread keeps its previous text whole, which
+        // is the best account of the failure that there is.
     }
     va_end(args);
 }
