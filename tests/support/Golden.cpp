@@ -50,14 +50,7 @@ void ExpectGolden(const std::string& name, std::string actual, const Substitutio
     WriteFile(path, actual);
     return;
   }
-  const std::string expected = ReadFile(path);
-  if (expected == actual) return;
-  std::istringstream e(expected), a(actual);
-  std::string le, la;
-  int line = 1;
-  while (std::getline(e, le) && std::getline(a, la) && le == la) ++line;
-  ADD_FAILURE() << path << " differs first at line " << line << ":\n  expected: " << le << "\n  actual:   " << la
-                << "\n--- actual output:\n" << actual;
+  EXPECT_EQ(ReadFile(path), actual) << path << " (TAVIK_UPDATE_GOLDEN=1 rewrites it)";
 }
 
 }  // namespace tavik_test
