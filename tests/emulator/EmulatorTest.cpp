@@ -47,6 +47,12 @@ int16 Record(Dev* d, tavik_notif* n) {
   return KZ_ERR_NONE;
 }
 
+int16 Status(Dev* d, uint64_t* v) {  // the status code, and whether any frame was counted
+  tavik_virtual_acq_status st{};
+  const int16 rc = d->ioctl(d, TAVIK_IOC_ACQ_GET_STATUS, &st);
+  return *v = st.status * 10u + (st.frame_count != 0), rc;
+}
+
 int16 SetActive(Dev* d, uns32 fps, uns32 limit = 0, uns8 reserved = 0) {
   tavik_virtual_acq_setup setup{limit, fps, {reserved}};
   return d->ioctl(d, TAVIK_IOC_ACQ_SET_ACTIVE, &setup);
@@ -124,6 +130,8 @@ TEST_F(Emulator, StateRulesRequestCodesAndAPromptStop) {
       {OP(d->read(d, g_buf, 8, nullptr)), kState, kClosed, 0}, {OP(d->write(d, g_buf, 8, nullptr)), kState, kClosed, 0},
       {OP(d->ioctl(d, TAVIK_IOC_GET_DRIVER_VERSION, v)), kState, kClosed, 0},
       {OP(d->close(d)), kState, "Device already closed", 0}, {OP(d->open(d)), kNone, "", 0},
+      {OP(Status(d, v)), kNone, "", EXP_ST_NO_DATA_I * 10}, {OP(d->read(d, nullptr, 0, nullptr)), kNone, "", 0},
+      {OP(d->ioctl(d, TAVIK_IOC_ACQ_SET_ACTIVE, nullptr)), kIoctl, "Null argument for request 0x40203d0a", 0},
       {OP(d->open(d)), kState, "Device already open", 0},
       {OP(d->close(nullptr)), KZ_ERR_DEVICE_HANDLE_INVALID, "Device is null", 0},
       {OP(d->close(&g_foreign)), KZ_ERR_DEVICE_HANDLE_INVALID, "Device 'foreign' does not belong to the camera emulator", 0},
@@ -142,7 +150,10 @@ TEST_F(Emulator, StateRulesRequestCodesAndAPromptStop) {
       {OP(d->start_notif_thread(d, Record)), kState, "Notification thread already running", 0},
       {OP(SetActive(d, 1000)), kNone, "", 0}, {OP(SetActive(d, 1000)), kState, "Acquisition already active", 0},
       {OP((usleep(20000), d->read(d, g_buf, 8, reinterpret_cast<uns16*>(v)))), kNone, "", 8},  // frames by now
+      {OP(Status(d, v)), kNone, "", EXP_ST_COLLECT_OK_A * 10 + 1},
       {OP(d->stop_notif_thread(d)), kNone, "", 0}, {OP(d->stop_notif_thread(d)), kNone, "", 0},
+      {OP(d->ioctl(d, TAVIK_IOC_ACQ_ABORT, nullptr)), kNone, "", 0},
+      {OP(Status(d, v)), kNone, "", EXP_ST_COLLECT_DONE_I * 10 + 1},  // the last acquisition's count
       {OP(d->close(d)), kNone, "", 0}, {OP(d->open(d)), kNone, "", 0},
       {OP(d->read(d, g_buf, 8, reinterpret_cast<uns16*>(v))), kNone, "", 0},  // no frame since the open
       {OP(SetActive(d, 1000)), kNone, "", 0},  // as the close ended the acquisition

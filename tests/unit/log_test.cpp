@@ -204,6 +204,11 @@ TEST(LogTrace, EdgeCasesThatTheLibrarysOwnCallsNeverProduce) {
              fn.LogEnterMessage("%lc", kEuro), fn.LogMessage(LogEntry::Error, "%lc", kEuro);
              fn.SetReturnResult("%lc", kEuro), log->AddEntry("DDI", LogEntry::Error, "%lc", kEuro), fn.LogEnterMessage("ok");
          }, {"0T DDI f: ENTER (ok)", "0T DDI f: RETURN () [Nus]"}},
+        {"no log", LogEntry::Trace, [](LogPtr) {
+             LogFn fn(nullptr, "DDI", "f"); // the library's macros ask WillBeLogged before an enter line
+             EXPECT_FALSE(fn.WillBeLogged(LogEntry::Error));
+             fn.LogMessage(LogEntry::Error, "e"), fn.SetReturnResult("r");
+         }, {}},
         {"tracing off", LogEntry::Debug, [](LogPtr log) {
              LogFn fn(log, "DDI", "f");
              fn.LogMessage(LogEntry::Debug, "kept"), fn.LogMessage(LogEntry::Trace, "filtered");

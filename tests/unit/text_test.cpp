@@ -49,7 +49,8 @@ TEST(LogUtils, FormattingHexDumpsAndErrorTexts) {
         {kt::StringUtils::ByteArrayToHexString(bytes + 4, 3, ", "), "0x00, 0xFF, 0xAB"},
         {appended, "dump: 0x000xFF"},
         {LogUtils::GetErrorString(ENOENT), "No such file or directory"},
-        {LogUtils::GetErrorString(123456), "Unknown error 123456"}};
+        {LogUtils::GetErrorString(123456), "Unknown error 123456"},
+        {LogUtils::GetLibFullFileNameByHandle(nullptr), "Failed to get library full name (invalid handle)"}};
     for (const auto& [got, expected] : cases) EXPECT_EQ(got, expected);
     EXPECT_THROW(Format("%lc", kEuro), std::logic_error);
     LogUtils::GetDynLibErrorString(); // clears anything pending
