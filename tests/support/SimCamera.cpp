@@ -115,8 +115,9 @@ extern "C" __attribute__((visibility("default"))) int poll(struct pollfd* fds, n
     if (cams[i] == nullptr) continue;
     ++cams[i]->polls;
     if (tavik_test::Consume(cams[i]->pollFailures)) {
+      for (nfds_t j = 0; j < nfds; ++j) fds[j].revents = j == i ? POLLERR : 0;
       errno = cams[i]->pollErr;
-      return -1;
+      return errno == 0 ? 1 : -1;
     }
     swapped[i].fd = cams[i]->eventFd;
     swapped[i].events = POLLIN;

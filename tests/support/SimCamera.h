@@ -24,7 +24,8 @@ class SimCamera {
   // (an empty batch answers with a count of 0). Wakes the waiting poll.
   void Push(const std::vector<uint32_t>& types);
   void FailRequests(int err, int n) { requestErr = err, requestFailures = n; }  // the next n requests fail
-  void FailPolls(int err, int n) { pollErr = err, pollFailures = n; }           // the next n polls fail
+  // The next n polls fail with err; with err 0 they report POLLERR on the device instead.
+  void FailPolls(int err, int n) { pollErr = err, pollFailures = n; }
 
   std::atomic<int> requests{0};  // notification requests answered or failed
   std::atomic<int> polls{0};     // polls that waited on this camera or failed
