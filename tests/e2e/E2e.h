@@ -87,10 +87,8 @@ class E2eTest : public ChildTest {
           WriteFile(ctx.tmp + "/notes.txt", g_notes);
         }))
       return;
-    char exe[512] = "";
-    ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-    exe[n > 0 ? n : 0] = '\0';
-    const Substitutions subs = {{ctx_.tmp, "@TMP"}, {FixtureDir(""), "@FIX/"}, {DdiLibrary::Path(), "@LIB"}, {exe, "@EXE"}};
+    const Substitutions subs = {{ctx_.tmp, "@TMP"}, {FixtureDir(""), "@FIX/"}, {DdiLibrary::Path(), "@LIB"},
+                                {ReadLink("/proc/self/exe"), "@EXE"}};
     std::string log;
     std::istringstream in(NormalizeLog(ReadFile(ctx_.LogPath())));
     for (std::string line; std::getline(in, line);)

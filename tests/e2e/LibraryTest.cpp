@@ -2,6 +2,7 @@
 // exports, the log set-up from the environment at load, and cycles that must
 // leave descriptors, threads and memory where they were.
 #include <dlfcn.h>
+#include <fcntl.h>
 
 #include <set>
 #include <thread>
@@ -53,6 +54,9 @@ TEST_F(LibraryLoad, LogFileAndLevelFromTheEnvironment) {
           DdiLibrary lib;
           TAVIK_ASSERT_LOAD(lib);
           EXPECT_EQ(ListedEntries("/proc/self/task"), threads) << "the log's worker started during the load";
+          // The log file must not leak into programs that the core starts.
+          for (int fd = 0; row.letters != nullptr && fd < 64; ++fd)
+            EXPECT_TRUE(ReadLink("/proc/self/fd/" + std::to_string(fd)) != ctx.LogPath() || fcntl(fd, F_GETFD) & FD_CLOEXEC);
           // On a thread of its own, whose thread-local state is gone before
           // the unload, so that nothing pins the library.
           std::thread([&] {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -36,6 +37,11 @@ std::string ReadFile(const std::string& path) {
 
 void WriteFile(const std::string& path, const std::string& content) {
   std::ofstream(path, std::ios::binary) << content;
+}
+
+std::string ReadLink(const std::string& path) {
+  std::error_code ec;
+  return std::filesystem::read_symlink(path, ec).string();
 }
 
 void RemoveTree(const std::string& path) {

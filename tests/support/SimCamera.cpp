@@ -33,7 +33,6 @@ bool Consume(std::atomic<int>& failures) { return failures > 0 && failures-- > 0
 
 int Answer(SimCamera& c, tavik_notif_list* list) {
   std::lock_guard<std::mutex> lock(c.mutex);
-  ++c.requests;
   c.capacity = list->capacity;
   c.countBefore = list->count;
   c.recordSize = list->notifications[0].size;

@@ -27,7 +27,6 @@ class SimCamera {
   // The next n polls fail with err; with err 0 they report POLLERR on the device instead.
   void FailPolls(int err, int n) { pollErr = err, pollFailures = n; }
 
-  std::atomic<int> requests{0};  // notification requests answered or failed
   std::atomic<int> polls{0};     // polls that waited on this camera or failed
   // The host's side of the last request: capacity, count as the host left it,
   // and the first record's size and version.

@@ -274,23 +274,4 @@ TEST(LogSinks, FileFooterCountsWhatItsFlushDiscarded) {
                                                    R"(PID \d+, dropped 12 messages\]\n)"))) << text;
 }
 
-TEST(LogSinks, InertFileSinksTouchNothingAndALiveOneIsCloseOnExec) {
-    const std::string path = "/tmp/tavik-unit-" + std::to_string(getpid()) + ".log";
-    const size_t fds = CountOpenFds();
-    auto log = std::make_shared<Log>(LogEntry::Trace);
-    for (const char* name : {static_cast<const char*>(nullptr), "", "/nonexistent-tavik/ddi.log"}) {
-        EXPECT_FALSE(kt::LoggerFile(log, name).IsOpen() || log->WillBeLogged(LogEntry::Error)) << "registered";
-    }
-    EXPECT_FALSE(kt::LoggerFile(nullptr, path.c_str()).IsOpen());
-    EXPECT_TRUE(access(path.c_str(), F_OK) != 0 && CountOpenFds() == fds);
-    const int next = open("/dev/null", O_RDONLY); // the lowest free descriptor, which the file gets
-    close(next);
-    {
-        kt::LoggerFile sink(log, path.c_str());
-        EXPECT_TRUE(sink.IsOpen() && (fcntl(next, F_GETFD) & FD_CLOEXEC) != 0);
-    }
-    EXPECT_EQ(CountOpenFds(), fds);
-    unlink(path.c_str());
-}
-
 } // namespace
