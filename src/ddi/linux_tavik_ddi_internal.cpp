@@ -6,9 +6,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "ddi/DdiTrace.h"
 #include "ddi/tavik_ddi_internal.h"
 #include "driver/tavik_driver_internal.h"
+#include "log/LogTrace.h"
 #include "log/LogUtils.h"
 
 int _scandir_filter(const struct dirent* entry) {

@@ -4,13 +4,13 @@
 
 #include <memory>
 
-#include "ddi/DdiTrace.h"
 #include "ddi/tavik_ddi_internal.h"
 #include "driver/tavik_driver_internal.h"
 #include "error/LastErrorText.h"
 #include "error/ReportFailure.h"
 #include "error/tavik_error_strings.h"
 #include "log/Log.h"
+#include "log/LogTrace.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include "ddi/tavik_ddi_internal.h"
 
-#include "ddi/DdiTrace.h"
 #include "driver/tavik_driver_internal.h"
+#include "log/LogTrace.h"
 #include "names/EnumUtils.h"
 
 const char* const kDdiKnownUmdNames[] = {"tavik_usb.x86_64.umd", "tavik_virtual.x86_64.umd",

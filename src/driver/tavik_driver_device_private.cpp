@@ -1,6 +1,6 @@
 #include "driver/tavik_driver_device_private.h"
 
-#include "ddi/DdiTrace.h"
+#include "log/LogTrace.h"
 
 tavik_driver_device_private::tavik_driver_device_private() noexcept
     : handle(-1),

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <string>
 
-#include "ddi/DdiTrace.h"
+#include "log/LogTrace.h"
 #include "log/LogUtils.h"
 #include "names/EnumUtils.h"
 

@@ -1,6 +1,6 @@
 #include "driver/tavik_ini.h"
 
-#include "ddi/DdiTrace.h"
+#include "log/LogTrace.h"
 
 rs_bool ini_get_path(char* iniPathName, uns32 bufLen) {
     try {

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "log/ILogListener.h"
+#include "log/LogCapture.h"
 #include "log/LogUtils.h"
 
 namespace kt {
@@ -121,14 +122,7 @@ void Log::Stop() {
 // ---------------------------------------------------------------------------
 // Producers
 
-bool Log::WillBeLogged(LogEntry::Level level) {
-    if (!m_hasListeners.load()) {
-        return false;
-    }
-    const bool answer = level <= m_level;
-    if (m_thread.load(std::memory_order_acquire) != nullptr) {
-        return answer;
-    }
+bool Log::StartLazily(bool answer) {
     if (m_inLibLoadUnload.load()) {
         return answer;
     }
@@ -141,13 +135,8 @@ bool Log::WillBeLogged(LogEntry::Level level) {
     return answer;
 }
 
-void Log::AddEntry(const char* category, LogEntry::Level level, std::string message) {
+void Log::Enqueue(std::unique_ptr<LogEntry> entry) {
     try {
-        std::unique_ptr<LogEntry> entry(
-            new (std::nothrow) LogEntry(category, level, GetThreadDepth(), std::move(message)));
-        if (!entry) {
-            return;
-        }
         {
             LockGuard lock(m_queueMutex);
             if (m_dropping) {
@@ -158,20 +147,59 @@ void Log::AddEntry(const char* category, LogEntry::Level level, std::string mess
         }
         m_queueCond.notify_one();
     } catch (...) {
+        // Logging never throws on the caller's path; an entry that finds no room
+        // in the queue is lost.
+    }
+}
+
+bool Log::CountIfDropping() {
+    if (!m_droppingHint.load(std::memory_order_relaxed)) {
+        return false;
+    }
+    try {
+        LockGuard lock(m_queueMutex);
+        if (m_dropping) {
+            ++m_droppedCount;
+            return true;
+        }
+    } catch (...) {
+        return true; // a mutex that cannot be taken: the entry is lost
+    }
+    return false;
+}
+
+void Log::AddEntry(const char* category, LogEntry::Level level, std::string message) {
+    try {
+        std::unique_ptr<LogEntry> entry(
+            new (std::nothrow) LogEntry(category, level, GetThreadDepth(), std::move(message)));
+        if (!entry) {
+            return;
+        }
+        Enqueue(std::move(entry));
+    } catch (...) {
         // Logging never throws on the caller's path; a message that cannot be
         // allocated is lost.
     }
 }
 
-void Log::AddEntry(const char* category, LogEntry::Level level, const char* format,
-                   va_list args) {
-    if (!WillBeLogged(level)) {
+void Log::AddEntry(const char* category, LogEntry::Level level, const LogCapture& message) noexcept {
+    if (CountIfDropping()) {
         return;
     }
-    try {
-        AddEntry(category, level, LogUtils::FormatArgsToStdString(format, args));
-    } catch (...) {
-        // An unformattable message or exhausted memory: the message is lost.
+    std::unique_ptr<LogEntry> entry(LogEntry::Create(category, level, GetThreadDepth(), message));
+    if (entry) {
+        Enqueue(std::move(entry));
+    }
+}
+
+void Log::AddEntry(const char* category, LogEntry::Level level, const char* format,
+                   va_list args) {
+    if (!WillBeLogged(level) || CountIfDropping()) {
+        return;
+    }
+    LogCapture message;
+    if (message.AddFormat(format, args)) {
+        AddEntry(category, level, message);
     }
 }
 
@@ -260,10 +288,13 @@ void Log::QueueOverloadReport(const TimePoint& overloadStart) {
         // The report is lost; the overload state is left all the same.
     }
     m_dropping = false;
+    m_droppingHint.store(false, std::memory_order_relaxed);
     m_droppedCount = 0;
 }
 
 void Log::ThreadFunc() {
+    std::string spareLine;
+    std::string spareMessage;
     std::unique_lock<std::mutex> lock(m_queueMutex);
     TimePoint overloadStart = Now();
     while (!m_stop) {
@@ -282,15 +313,27 @@ void Log::ThreadFunc() {
         m_queue.pop_front();
         if (m_queue.size() > kOverloadThreshold) {
             m_dropping = true;
+            m_droppingHint.store(true, std::memory_order_relaxed);
             overloadStart = Now();
         }
         m_delivering = true;
         lock.unlock();
+        // The entry's texts borrow the worker's buffers while it is delivered and
+        // hand them back, so that after the first lines formatting allocates nothing.
+        const bool captured = entry->IsCaptured();
+        entry->m_formattedMessage.swap(spareLine);
+        if (captured) {
+            entry->m_message.swap(spareMessage);
+        }
         try {
             entry->FormatMessage();
             NotifyListeners(*entry);
         } catch (...) {
             // An entry that cannot be formatted is skipped; the worker goes on.
+        }
+        entry->m_formattedMessage.swap(spareLine);
+        if (captured) {
+            entry->m_message.swap(spareMessage);
         }
         entry.reset();
         lock.lock();

@@ -16,6 +16,7 @@
 namespace kt {
 
 class ILogListener;
+class LogCapture;
 
 // Asynchronous log: callers queue entries, one lazily started worker formats
 // and delivers them to the registered listeners.
@@ -55,11 +56,26 @@ public:
 
     bool Start();
     void Stop();
-    bool WillBeLogged(LogEntry::Level level);
+    // Every logging call passes here first, so the answer for a running log is
+    // inline: two loads and a comparison.
+    bool WillBeLogged(LogEntry::Level level) {
+        if (!m_hasListeners.load()) {
+            return false;
+        }
+        const bool answer = level <= m_level;
+        if (m_thread.load(std::memory_order_acquire) != nullptr) {
+            return answer;
+        }
+        return StartLazily(answer);
+    }
     void AddEntry(const char* category, LogEntry::Level level, std::string message);
+    // The format must have static storage duration: the worker formats it later.
     void AddEntry(const char* category, LogEntry::Level level, const char* format, va_list args);
     void AddEntry(const char* category, LogEntry::Level level, const char* format, ...)
         __attribute__((format(printf, 4, 5)));
+    // Queues an entry whose message the worker renders from the capture, without
+    // testing the level (callers test first).
+    void AddEntry(const char* category, LogEntry::Level level, const LogCapture& message) noexcept;
     bool AddListener(const std::weak_ptr<ILogListener>& listener);
     bool RemoveListener(const std::weak_ptr<ILogListener>& listener);
     uint64_t Flush(uint64_t timeLimitMs);
@@ -69,6 +85,12 @@ public:
     static bool DecreaseThreadDepth();
 
 private:
+    bool StartLazily(bool answer);
+    // Appends the entry, or counts and destroys it while the log drops.
+    void Enqueue(std::unique_ptr<LogEntry> entry);
+    // Counts one entry that overload keeps out; false when the log stopped
+    // dropping meanwhile and the entry must be queued after all.
+    bool CountIfDropping();
     void NotifyListeners(const LogEntry& entry);
     void ThreadFunc();
     void QueueOverloadReport(const TimePoint& overloadStart);
@@ -83,6 +105,9 @@ private:
     std::condition_variable m_queueCond;
     std::condition_variable m_drainedCond;
     bool m_dropping = false;
+    // m_dropping for a look without the mutex: while the log drops, a caller
+    // counts its entry without capturing it first.
+    std::atomic<bool> m_droppingHint{false};
     uint64_t m_droppedCount = 0;
     // Read without the queue mutex by the level test on every logging call, so it
     // is atomic; created and cleared under m_queueMutex.

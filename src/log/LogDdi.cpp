@@ -40,17 +40,5 @@ std::shared_ptr<Log> GetLog() {
     return current->GetLog();
 }
 
-std::unique_ptr<LogFn> CreateTracedLogFn(const char* signature) {
-    const LogSetup* current = setup.get();
-    if (current == nullptr || !current->HasLog()) {
-        return nullptr;
-    }
-    try {
-        return std::unique_ptr<LogFn>(new (std::nothrow) LogFn(current->GetLog(), "DDI", signature));
-    } catch (...) {
-        return nullptr;
-    }
-}
-
 } // namespace LogDdi
 } // namespace kt

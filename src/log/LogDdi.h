@@ -17,20 +17,17 @@ extern Log::LibInitHelper libPostInitHelper;
 // The library's log, or empty when logging is not configured.
 std::shared_ptr<Log> GetLog();
 
-// The trace object of a library operation (category "DDI") for a library that
-// has a log; null when it cannot be allocated.
-std::unique_ptr<LogFn> CreateTracedLogFn(const char* signature);
-
-// The trace object of a library operation, or null when there is no log or the
-// object cannot be allocated; the operation then runs untraced. Every device
-// operation passes here, so the untraced answer is inline: a load and a test,
-// no call, no reference counting and no allocation.
-inline std::unique_ptr<LogFn> CreateLogFn(const char* signature) {
+// The trace object of a library operation (category "DDI"), empty when there is
+// no log; the operation then runs untraced. Every device operation passes here,
+// so all of it is inline and none of it allocates: the trace lives in the
+// caller's frame and borrows the set-up's log, which outlives every operation
+// (it goes only when the library is unloaded).
+inline LogFnSlot CreateLogFn(const char* signature) {
     const LogSetup* current = setup.get();
     if (current == nullptr || !current->HasLog()) {
-        return nullptr;
+        return LogFnSlot();
     }
-    return CreateTracedLogFn(signature);
+    return LogFnSlot(current->PeekLog(), "DDI", signature);
 }
 
 } // namespace LogDdi

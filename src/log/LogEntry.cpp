@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <cstring>
 #include <utility>
+
+#include "log/LogCapture.h"
 
 namespace kt {
 
@@ -57,6 +60,59 @@ LogEntry::LogEntry(const char* category, Level level, uint16_t depth, std::strin
           std::chrono::system_clock::now())),
       m_depth(depth),
       m_message(std::move(message)) {}
+
+LogEntry::LogEntry(const char* category, Level level, uint16_t depth, size_t captureSize)
+    : m_formattedMessage(),
+      m_levelChar(LevelChar(level)),
+      m_category(category != nullptr && category[0] != '\0' ? category : "???"),
+      m_level(level),
+      m_pid(LogUtils::GetCurrentProcessId()),
+      m_tid(LogUtils::GetCurrentThreadId()),
+      m_time(std::chrono::time_point_cast<std::chrono::nanoseconds>(
+          std::chrono::system_clock::now())),
+      m_depth(depth),
+      m_message(),
+      m_captureSize(captureSize) {}
+
+LogEntry* LogEntry::Create(const char* category, Level level, uint16_t depth,
+                           const LogCapture& message) noexcept {
+    if (!message.Ok()) {
+        return nullptr;
+    }
+    const size_t captureSize = message.Size();
+    void* memory = std::malloc(sizeof(LogEntry) + captureSize);
+    if (memory == nullptr) {
+        return nullptr;
+    }
+    LogEntry* entry = nullptr;
+    try {
+        entry = new (memory) LogEntry(category, level, depth, captureSize);
+    } catch (...) {
+        std::free(memory); // a long category that found no memory
+        return nullptr;
+    }
+    message.CopyTo(reinterpret_cast<unsigned char*>(entry + 1));
+    return entry;
+}
+
+void* LogEntry::operator new(std::size_t size) {
+    if (void* p = std::malloc(size)) {
+        return p;
+    }
+    throw std::bad_alloc();
+}
+
+void* LogEntry::operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return std::malloc(size);
+}
+
+void LogEntry::operator delete(void* p) noexcept {
+    std::free(p);
+}
+
+void LogEntry::operator delete(void* p, const std::nothrow_t&) noexcept {
+    std::free(p);
+}
 
 namespace {
 
@@ -119,6 +175,10 @@ char* PutTimeStamp(char* out, const TimePoint& time) {
 } // namespace
 
 LogEntry& LogEntry::FormatMessage() {
+    if (m_captureSize != 0) {
+        m_message.clear();
+        LogCapture::Render(m_message, Capture(), m_captureSize);
+    }
     const char* indent = kIndent.text[m_depth < kDepthLevels ? m_depth : kDepthLevels - 1].data();
     // The header "[%s %.3s %05u:%05u %c] %s" (time stamp, category cut to three
     // characters, ids, level letter, indentation) is assembled by hand: it is the

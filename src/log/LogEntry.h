@@ -1,19 +1,44 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <new>
 #include <string>
 
 #include "log/LogUtils.h"
 
 namespace kt {
 
+class LogCapture;
+
 // One logged record; the worker turns it into the output line that the sinks write.
+//
+// An entry made from a capture (Create) carries the captured message in the same
+// allocation, right behind the object, and has no text until the worker's
+// FormatMessage renders it into m_message. Entries are allocated with the C
+// allocator, so that creating one never throws.
 class LogEntry {
 public:
     enum Level : int32_t { Error = 0, Warning = 1, Info = 2, Debug = 3, Trace = 4 };
 
     LogEntry(const char* category, Level level, uint16_t depth, std::string message);
+    LogEntry(const LogEntry&) = delete;
+    LogEntry& operator=(const LogEntry&) = delete;
+
+    // An entry whose message is the capture's; null when memory ran out.
+    static LogEntry* Create(const char* category, Level level, uint16_t depth,
+                            const LogCapture& message) noexcept;
+
     LogEntry& FormatMessage();
+    // Whether the message is rendered from a capture by FormatMessage.
+    bool IsCaptured() const noexcept { return m_captureSize != 0; }
+
+    static void* operator new(std::size_t size);
+    static void* operator new(std::size_t size, const std::nothrow_t&) noexcept;
+    static void* operator new(std::size_t size, void* where) noexcept { (void)size; return where; }
+    static void operator delete(void* p) noexcept;
+    static void operator delete(void* p, const std::nothrow_t&) noexcept;
+    static void operator delete(void*, void*) noexcept {}
 
     std::string m_formattedMessage;
     char m_levelChar;
@@ -24,6 +49,16 @@ public:
     TimePoint m_time;
     uint16_t m_depth;
     std::string m_message;
+
+private:
+    LogEntry(const char* category, Level level, uint16_t depth, size_t captureSize);
+    const unsigned char* Capture() const noexcept {
+        return reinterpret_cast<const unsigned char*>(this + 1);
+    }
+
+    // Bytes of the captured message behind the object; 0 for an entry made with
+    // its text.
+    size_t m_captureSize = 0;
 };
 
 } // namespace kt

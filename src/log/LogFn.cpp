@@ -1,36 +1,24 @@
 #include "log/LogFn.h"
 
 #include <cstdarg>
+#include <cstring>
 #include <exception>
 #include <stdexcept>
 #include <utility>
-
-#include "log/Log.h"
 
 namespace kt {
 
 namespace {
 
-std::string CategoryOrUnknown(const char* category) {
-    return (category != nullptr && category[0] != '\0') ? std::string(category)
-                                                        : std::string("???");
+const char* CategoryOrUnknown(const char* category) {
+    return (category != nullptr && category[0] != '\0') ? category : "???";
 }
 
-std::string FunctionText(const char* function) {
+const char* FunctionText(const char* function) {
     if (function == nullptr) {
         throw std::logic_error("LogFn: null function signature");
     }
-    return std::string(function);
-}
-
-// Formats on the caller's path without ever throwing; false leaves target as it was.
-bool FormatInto(std::string& target, const char* format, va_list args) {
-    try {
-        target = LogUtils::FormatArgsToStdString(format, args);
-        return true;
-    } catch (...) {
-        return false;
-    }
+    return function;
 }
 
 TimePoint Now() {
@@ -41,103 +29,187 @@ TimePoint Now() {
 } // namespace
 
 LogFn::LogFn(std::shared_ptr<Log> log, const char* category, const char* function)
-    : m_startTime(Now()),
+    : m_startTime(),
       m_log(std::move(log)),
       m_category(CategoryOrUnknown(category)),
-      m_function(FunctionText(function)) {}
+      m_function(FunctionText(function)) {
+    // The start time is only ever shown in a return line; a call whose trace is
+    // filtered out does not read the clock.
+    if (WillBeLogged()) {
+        m_startTime = Now();
+    }
+}
 
 LogFn::~LogFn() {
     try {
         if (!WillBeLogged()) {
             return;
         }
+        // A trace that was switched on while the call ran has no start time.
+        const TimePoint now = Now();
+        const TimePoint start = m_startTime.time_since_epoch().count() != 0 ? m_startTime : now;
         const auto elapsedUs = static_cast<unsigned long long>(
-            std::chrono::duration_cast<std::chrono::nanoseconds>(Now() - m_startTime).count() /
-            1000);
+            std::chrono::duration_cast<std::chrono::nanoseconds>(now - start).count() / 1000);
         if (!Log::DecreaseThreadDepth()) {
-            DoLogMessage(LogEntry::Error, "Log indentation is incorrect");
+            LogCapture line;
+            BeginLine(line);
+            line.AddLiteral("Log indentation is incorrect");
+            Queue(LogEntry::Error, line);
         }
+        LogCapture line;
+        BeginLine(line);
+        line.AddLiteral("RETURN (");
+        // The separator stands between result and values only when both turn out
+        // non-empty, which the worker decides once it has formatted them.
         if (std::uncaught_exceptions() > 0) {
-            m_returnResult = "UNCAUGHT_EXCEPTION";
+            line.AddLiteral("UNCAUGHT_EXCEPTION");
+        } else if (m_returnResult.Empty()) {
+            line.AddText("", 0);
+        } else {
+            line.Append(m_returnResult);
         }
-        std::string text = "RETURN (";
-        text += m_returnResult;
-        if (!m_returnArgs.empty() && !m_returnResult.empty()) {
-            text += ", ";
+        line.AddJoin();
+        if (m_returnArgs.Empty()) {
+            line.AddText("", 0);
+        } else {
+            line.Append(m_returnArgs);
         }
-        text += m_returnArgs;
-        text += ") [";
-        text += std::to_string(elapsedUs);
-        text += "us]";
-        DoLogMessage(LogEntry::Trace, text);
+        line.AddLiteral(") [");
+        line.AddUnsigned(elapsedUs);
+        line.AddLiteral("us]");
+        Queue(LogEntry::Trace, line);
     } catch (...) {
         // Nothing may leave a destructor; the return line is lost.
     }
 }
 
-bool LogFn::WillBeLogged() const {
-    return m_log && m_log->WillBeLogged(LogEntry::Trace);
+void LogFn::BeginLine(LogCapture& line) const noexcept {
+    line.AddText(m_function, std::strlen(m_function));
+    line.AddLiteral(": ");
 }
 
-bool LogFn::WillBeLogged(LogEntry::Level level) const {
-    return m_log && m_log->WillBeLogged(level);
+void LogFn::Queue(LogEntry::Level level, const LogCapture& line) const noexcept {
+    // The log tests the level here, as for every other line of the trace.
+    if (m_log && m_log->WillBeLogged(level)) {
+        m_log->AddEntry(m_category, level, line);
+    }
+}
+
+// Replaces what target holds; a format that cannot be formatted leaves it as it
+// was. The first capture goes straight into target, a later one by way of a copy.
+bool LogFn::CaptureInto(LogCapture& target, const char* format, va_list args) noexcept {
+    if (target.Empty()) {
+        if (target.AddFormat(format, args) && target.Ok()) {
+            return true;
+        }
+        target.Clear();
+        return false;
+    }
+    LogCapture captured;
+    if (!captured.AddFormat(format, args) || !captured.Ok()) {
+        return false;
+    }
+    target.Clear();
+    target.Append(captured);
+    return target.Ok();
 }
 
 void LogFn::LogEnterMessage(const char* format, ...) {
     if (m_entered) {
         return;
     }
-    std::string text;
+    LogCapture line;
+    BeginLine(line);
+    line.AddLiteral("ENTER (");
     va_list args;
     va_start(args, format);
-    const bool formatted = FormatInto(text, format, args);
+    const bool captured = line.AddFormat(format, args);
     va_end(args);
-    if (formatted) {
-        DoLogEnterMessage(text);
+    if (!captured) {
+        return; // an unformattable enter line is not logged, and the call is not entered
     }
-}
-
-void LogFn::DoLogEnterMessage(const std::string& args) {
+    line.AddLiteral(")");
     m_entered = true;
-    try {
-        DoLogMessage(LogEntry::Trace, "ENTER (" + args + ")");
-    } catch (...) {
-    }
+    Queue(LogEntry::Trace, line);
     // The depth goes up whether or not the line made it, so that the return line
     // (which always lowers it) keeps the thread's indentation balanced.
     Log::IncreaseThreadDepth();
 }
 
+void LogFn::DoLogEnterMessage(const std::string& args) {
+    m_entered = true;
+    LogCapture line;
+    BeginLine(line);
+    line.AddLiteral("ENTER (");
+    line.AddText(args.data(), args.size());
+    line.AddLiteral(")");
+    Queue(LogEntry::Trace, line);
+    Log::IncreaseThreadDepth();
+}
+
 void LogFn::LogMessage(LogEntry::Level level, const char* format, ...) {
-    std::string text;
+    if (!WillBeLogged(level)) {
+        return;
+    }
+    LogCapture line;
+    BeginLine(line);
     va_list args;
     va_start(args, format);
-    const bool formatted = FormatInto(text, format, args);
+    const bool captured = line.AddFormat(format, args);
     va_end(args);
-    if (formatted) {
-        DoLogMessage(level, text);
+    if (captured) {
+        Queue(level, line);
+    }
+}
+
+void LogFn::LogDumpMessage(LogEntry::Level level, const unsigned char* data, unsigned long size,
+                           const char* format, ...) {
+    if (!WillBeLogged(level)) {
+        return;
+    }
+    LogCapture line;
+    BeginLine(line);
+    va_list args;
+    va_start(args, format);
+    const bool captured = line.AddFormat(format, args);
+    va_end(args);
+    if (captured) {
+        line.AddDump(data, size);
+        Queue(level, line);
     }
 }
 
 void LogFn::DoLogMessage(LogEntry::Level level, const std::string& text) {
-    if (!m_log) {
-        return;
-    }
-    m_log->AddEntry(m_category.c_str(), level, "%s: %s", m_function.c_str(), text.c_str());
+    LogCapture line;
+    BeginLine(line);
+    line.AddText(text.data(), text.size());
+    Queue(level, line);
 }
 
 void LogFn::SetReturnArgs(const char* format, ...) {
     va_list args;
     va_start(args, format);
-    FormatInto(m_returnArgs, format, args);
+    CaptureInto(m_returnArgs, format, args);
     va_end(args);
 }
 
 void LogFn::SetReturnResult(const char* format, ...) {
     va_list args;
     va_start(args, format);
-    FormatInto(m_returnResult, format, args);
+    CaptureInto(m_returnResult, format, args);
     va_end(args);
+}
+
+// ---------------------------------------------------------------------------
+
+LogFnSlot::LogFnSlot(Log* log, const char* category, const char* function) noexcept {
+    if (log == nullptr || function == nullptr) {
+        return;
+    }
+    // An aliasing pointer without an owner: no reference count is touched, on the
+    // promise that the log outlives the call.
+    new (m_storage) LogFn(std::shared_ptr<Log>(std::shared_ptr<Log>(), log), category, function);
+    m_engaged = true;
 }
 
 } // namespace kt

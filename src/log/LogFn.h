@@ -1,16 +1,22 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
+#include <new>
 #include <string>
 
+#include "log/Log.h"
+#include "log/LogCapture.h"
 #include "log/LogEntry.h"
 
 namespace kt {
 
-class Log;
-
 // Function-scope trace: an ENTER line on entry, a RETURN line with result,
 // return values and elapsed microseconds when it is destroyed.
+//
+// Every line is captured, not formatted: the arguments are copied into the entry
+// and the log's worker makes the text. The category and the function signature
+// are kept by address (the library passes literals) and copied into each entry.
 class LogFn {
 public:
     LogFn(std::shared_ptr<Log> log, const char* category, const char* function);
@@ -18,24 +24,63 @@ public:
     LogFn(const LogFn&) = delete;
     LogFn& operator=(const LogFn&) = delete;
 
-    bool WillBeLogged() const;
-    bool WillBeLogged(LogEntry::Level level) const;
+    bool WillBeLogged() const { return m_log && m_log->WillBeLogged(LogEntry::Trace); }
+    bool WillBeLogged(LogEntry::Level level) const {
+        return m_log && m_log->WillBeLogged(level);
+    }
     void LogEnterMessage(const char* format, ...) __attribute__((format(printf, 2, 3)));
     void DoLogEnterMessage(const std::string& args);
     void LogMessage(LogEntry::Level level, const char* format, ...)
         __attribute__((format(printf, 3, 4)));
+    // A message followed by the bytes as a hex dump ("0x01,0x02,..."); the bytes
+    // are copied raw and turned into text by the worker.
+    void LogDumpMessage(LogEntry::Level level, const unsigned char* data, unsigned long size,
+                        const char* format, ...) __attribute__((format(printf, 5, 6)));
     void DoLogMessage(LogEntry::Level level, const std::string& text);
     void SetReturnArgs(const char* format, ...) __attribute__((format(printf, 2, 3)));
     void SetReturnResult(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 private:
+    // Starts a line with "<function>: ".
+    void BeginLine(LogCapture& line) const noexcept;
+    void Queue(LogEntry::Level level, const LogCapture& line) const noexcept;
+    bool CaptureInto(LogCapture& target, const char* format, va_list args) noexcept;
+
     TimePoint m_startTime;
     std::shared_ptr<Log> m_log;
-    std::string m_category;
-    std::string m_function;
+    const char* m_category;
+    const char* m_function;
     bool m_entered = false;
-    std::string m_returnArgs;
-    std::string m_returnResult;
+    LogCapture m_returnArgs;
+    LogCapture m_returnResult;
+};
+
+// Room for one trace object in the caller's frame, empty when the library has no
+// log: what the library's operations keep their trace in, so that a trace costs
+// no allocation. Used like a pointer.
+class LogFnSlot {
+public:
+    LogFnSlot() noexcept = default;
+    // A trace over a log that outlives it (the set-up's), borrowed without
+    // touching its reference count.
+    LogFnSlot(Log* log, const char* category, const char* function) noexcept;
+    ~LogFnSlot() {
+        if (m_engaged) {
+            get()->~LogFn();
+        }
+    }
+    LogFnSlot(const LogFnSlot&) = delete;
+    LogFnSlot& operator=(const LogFnSlot&) = delete;
+
+    explicit operator bool() const noexcept { return m_engaged; }
+    friend bool operator==(const LogFnSlot& slot, std::nullptr_t) noexcept { return !slot.m_engaged; }
+    friend bool operator!=(const LogFnSlot& slot, std::nullptr_t) noexcept { return slot.m_engaged; }
+    LogFn* get() noexcept { return m_engaged ? reinterpret_cast<LogFn*>(m_storage) : nullptr; }
+    LogFn* operator->() noexcept { return get(); }
+
+private:
+    alignas(LogFn) unsigned char m_storage[sizeof(LogFn)];
+    bool m_engaged = false;
 };
 
 } // namespace kt

@@ -1,6 +1,6 @@
-// The operating-system half of the kernel-mode driver: the /dev scan, the system
-// call wrappers and the notification thread. Every call goes to the plain C
-// library symbol.
+// The operating-system half of the kernel-mode driver: the scan of a folder for
+// nodes, the system-call wrappers and the notification thread. Every call goes to
+// the plain C library symbol.
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -16,14 +16,12 @@
 #include <system_error>
 #include <thread>
 
-#include "ddi/DdiTrace.h"
-#include "driver/kernel/tavik_driver_kernel.h"
 #include "driver/kernel/linux_tavik_driver_kernel_os.h"
 #include "driver/tavik_driver_device_private.h"
-#include "driver/tavik_driver_internal.h"
 #include "error/LastError.h"
 #include "error/ReportFailure.h"
 #include "error/tavik_error_strings.h"
+#include "log/LogTrace.h"
 #include "log/LogUtils.h"
 #include "names/EnumUtils.h"
 
@@ -45,19 +43,6 @@ int MatchNodeName(const char* name, const char* pattern) {
     const char* middle = name + prefixLength;
     const size_t middleLength = nameLength - suffixLength - prefixLength;
     return middleLength > 0 && std::strspn(middle, "0123456789") >= middleLength ? 1 : 0;
-}
-
-using NodeFilter = int (*)(const struct dirent*);
-
-NodeFilter FilterOf(E_TAVIK_DRIVER_TYPE type) {
-    switch (type) {
-    case TAVIK_DRIVER_TYPE_PCI: return _kernel_scandir_filter_PCI;
-    case TAVIK_DRIVER_TYPE_PCIE: return _kernel_scandir_filter_PCIE;
-    case TAVIK_DRIVER_TYPE_USB: return _kernel_scandir_filter_USB;
-    case TAVIK_DRIVER_TYPE_1394: return _kernel_scandir_filter_1394;
-    case TAVIK_DRIVER_TYPE_VIRTUAL: return _kernel_scandir_filter_SW;
-    }
-    return nullptr;
 }
 
 } // namespace
@@ -82,56 +67,24 @@ int _kernel_scandir_filter_SW(const struct dirent* entry) {
     return MatchNodeName(entry->d_name, "tavikSW_#");
 }
 
-rs_bool tavik_driver_kernel_enumerate_devices(tavik_driver* driver, E_TAVIK_DRIVER_TYPE type) {
-    auto fn = kt::LogDdi::CreateLogFn(
-        "rs_bool tavik_driver_kernel_enumerate_devices(tavik_driver*, E_TAVIK_DRIVER_TYPE)");
-    DDI_TRACE_ENTER(fn, "driver=0x%p, type=%u(%s)", static_cast<void*>(driver),
-                    static_cast<uns32>(type), kt::EnumUtils::GetName<_KZ_DRIVER_TYPE>(type));
-    if (!driver) {
-        DDI_TRACE_RESULT(fn, "%s", "QX_FAIL");
-        return QX_FAIL;
-    }
-    driver->device_list = nullptr;
-    DDI_TRACE_MSG(fn, Info, "Searching for kernel devices with %s type in '%s' ...",
-                  kt::EnumUtils::GetName<_KZ_DRIVER_TYPE>(type), kKernelDevFolder);
+int tavik_driver_kernel_os_scan_nodes(const char* folder, tavik_driver_kernel_node_filter filter,
+                                      struct dirent*** nodes, int* error) {
+    *nodes = nullptr;
+    const int count = scandir(folder, nodes, filter, alphasort);
+    if (count < 0 && error) *error = errno;
+    return count;
+}
 
-    const NodeFilter filter = FilterOf(type);
-    if (!filter) {
-        DDI_TRACE_MSG(fn, Error, "Unknown driver type (%u)", static_cast<uns32>(type));
-        DDI_TRACE_RESULT(fn, "%s", "QX_FAIL");
-        return QX_FAIL;
-    }
+void tavik_driver_kernel_os_free_nodes(struct dirent** nodes, int count) {
+    if (!nodes) return;
+    for (int i = 0; i < count; ++i) std::free(nodes[i]);
+    std::free(nodes);
+}
 
-    struct dirent** entries = nullptr;
-    const int count = scandir(kKernelDevFolder, &entries, filter, alphasort);
-    if (count < 0) {
-        const int error = errno;
-        // An unreadable /dev is not a failure of the driver: it just has no devices.
-        DDI_TRACE_MSG(fn, Error, "Cannot scan folder '%s', errno %d (%s)", kKernelDevFolder, error,
-                      kt::LogUtils::GetErrorString(error).c_str());
-    } else {
-        uns16 camCount = 0;
-        for (int i = 0; i < count; ++i) {
-            char path[256];
-            tavik_driver_join_path(path, sizeof(path), kKernelDevFolder, entries[i]->d_name);
-            if (access(path, F_OK) == 0) {
-                // The index moves on also when the add failed (its slot stays null).
-                tavik_driver_kernel_add_new_device(driver, camCount, entries[i]->d_name, path);
-                ++camCount;
-            } else {
-                const int error = errno;
-                DDI_TRACE_MSG(fn, Warning, "Cannot access file '%s', error %d (%s)",
-                              entries[i]->d_name, error,
-                              kt::LogUtils::GetErrorString(error).c_str());
-            }
-            std::free(entries[i]);
-        }
-        std::free(entries);
-    }
-
-    DDI_TRACE_MSG(fn, Info, "Done with kernel devices");
-    DDI_TRACE_RESULT(fn, "%s", "QX_OK");
-    return QX_OK;
+bool tavik_driver_kernel_os_node_exists(const char* path, int* error) {
+    if (access(path, F_OK) == 0) return true;
+    if (error) *error = errno;
+    return false;
 }
 
 // ---------------------------------------------------------------------------

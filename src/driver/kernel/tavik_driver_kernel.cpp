@@ -1,18 +1,20 @@
+// The generic half of the kernel-mode driver: the bus type's device list, built
+// from what the operating-system half finds, and the device operations.
 #include "driver/kernel/tavik_driver_kernel.h"
-#include "driver/kernel/linux_tavik_driver_kernel_os.h"
 
 #include <cstdlib>
 #include <cstring>
 #include <new>
 #include <string>
 
-#include "ddi/DdiTrace.h"
+#include "driver/kernel/linux_tavik_driver_kernel_os.h"
 #include "driver/tavik_driver_device_private.h"
 #include "driver/tavik_driver_internal.h"
 #include "error/LastError.h"
 #include "error/LastErrorText.h"
 #include "error/ReportFailure.h"
 #include "error/tavik_error_strings.h"
+#include "log/LogTrace.h"
 #include "log/LogUtils.h"
 #include "names/EnumUtils.h"
 
@@ -59,6 +61,17 @@ inline tavik_driver_device_private* PrivateOf(tavik_driver_device* device) {
 
 const char* const kNoDevice = "Device structure is null";
 
+tavik_driver_kernel_node_filter FilterOf(E_TAVIK_DRIVER_TYPE type) {
+    switch (type) {
+    case TAVIK_DRIVER_TYPE_PCI: return _kernel_scandir_filter_PCI;
+    case TAVIK_DRIVER_TYPE_PCIE: return _kernel_scandir_filter_PCIE;
+    case TAVIK_DRIVER_TYPE_USB: return _kernel_scandir_filter_USB;
+    case TAVIK_DRIVER_TYPE_1394: return _kernel_scandir_filter_1394;
+    case TAVIK_DRIVER_TYPE_VIRTUAL: return _kernel_scandir_filter_SW;
+    }
+    return nullptr;
+}
+
 } // namespace
 
 rs_bool tavik_driver_kernel_init(tavik_driver* driver, E_TAVIK_DRIVER_TYPE type) {
@@ -91,6 +104,56 @@ void tavik_driver_kernel_uninit(tavik_driver* driver) {
         driver->device_list = nullptr;
     }
     driver->driver_word = 0;
+}
+
+rs_bool tavik_driver_kernel_enumerate_devices(tavik_driver* driver, E_TAVIK_DRIVER_TYPE type) {
+    auto fn = kt::LogDdi::CreateLogFn(
+        "rs_bool tavik_driver_kernel_enumerate_devices(tavik_driver*, E_TAVIK_DRIVER_TYPE)");
+    DDI_TRACE_ENTER(fn, "driver=0x%p, type=%u(%s)", static_cast<void*>(driver),
+                    static_cast<uns32>(type), kt::EnumUtils::GetName<_KZ_DRIVER_TYPE>(type));
+    if (!driver) {
+        DDI_TRACE_RESULT(fn, "%s", "QX_FAIL");
+        return QX_FAIL;
+    }
+    driver->device_list = nullptr;
+    DDI_TRACE_MSG(fn, Info, "Searching for kernel devices with %s type in '%s' ...",
+                  kt::EnumUtils::GetName<_KZ_DRIVER_TYPE>(type), kKernelDevFolder);
+
+    const tavik_driver_kernel_node_filter filter = FilterOf(type);
+    if (!filter) {
+        DDI_TRACE_MSG(fn, Error, "Unknown driver type (%u)", static_cast<uns32>(type));
+        DDI_TRACE_RESULT(fn, "%s", "QX_FAIL");
+        return QX_FAIL;
+    }
+
+    struct dirent** nodes = nullptr;
+    int error = 0;
+    const int count = tavik_driver_kernel_os_scan_nodes(kKernelDevFolder, filter, &nodes, &error);
+    if (count < 0) {
+        // An unreadable /dev is not a failure of the driver: it just has no devices.
+        DDI_TRACE_MSG(fn, Error, "Cannot scan folder '%s', errno %d (%s)", kKernelDevFolder, error,
+                      kt::LogUtils::GetErrorString(error).c_str());
+    } else {
+        uns16 camCount = 0;
+        for (int i = 0; i < count; ++i) {
+            const char* name = nodes[i]->d_name;
+            char path[256];
+            tavik_driver_join_path(path, sizeof(path), kKernelDevFolder, name);
+            if (tavik_driver_kernel_os_node_exists(path, &error)) {
+                // The index moves on also when the add failed (its slot stays null).
+                tavik_driver_kernel_add_new_device(driver, camCount, name, path);
+                ++camCount;
+            } else {
+                DDI_TRACE_MSG(fn, Warning, "Cannot access file '%s', error %d (%s)", name, error,
+                              kt::LogUtils::GetErrorString(error).c_str());
+            }
+        }
+        tavik_driver_kernel_os_free_nodes(nodes, count);
+    }
+
+    DDI_TRACE_MSG(fn, Info, "Done with kernel devices");
+    DDI_TRACE_RESULT(fn, "%s", "QX_OK");
+    return QX_OK;
 }
 
 rs_bool tavik_driver_kernel_add_new_device(tavik_driver* driver, uns16 camCount,
@@ -218,11 +281,8 @@ int16 DevRead(tavik_driver_device* device, uns8* data, uns16 data_bytes, uns16* 
                                  kt::LastError::GetDetails());
     if (data_bytes_read) *data_bytes_read = done;
 
-    if (fn && fn->WillBeLogged(kt::LogEntry::Debug)) {
-        fn->LogMessage(kt::LogEntry::Debug, "Read data from device '%s', %u bytes: %s",
-                       device->name, done,
-                       kt::LogUtils::FormatByteArrayToHexString(data, done).c_str());
-    }
+    DDI_TRACE_DUMP(fn, Debug, data, done, "Read data from device '%s', %u bytes: ",
+                   device->name, done);
     DDI_TRACE_RESULT(fn, "%s", GetErrCodeName(KZ_ERR_NONE));
     return KZ_ERR_NONE;
 }
@@ -245,11 +305,8 @@ int16 DevWrite(tavik_driver_device* device, const uns8* data, uns16 data_bytes,
                                  kt::LastError::GetDetails());
     if (data_bytes_written) *data_bytes_written = done;
 
-    if (fn && fn->WillBeLogged(kt::LogEntry::Debug)) {
-        fn->LogMessage(kt::LogEntry::Debug, "Written data to device '%s', %u bytes: %s",
-                       device->name, done,
-                       kt::LogUtils::FormatByteArrayToHexString(data, done).c_str());
-    }
+    DDI_TRACE_DUMP(fn, Debug, data, done, "Written data to device '%s', %u bytes: ",
+                   device->name, done);
     DDI_TRACE_RESULT(fn, "%s", GetErrCodeName(KZ_ERR_NONE));
     return KZ_ERR_NONE;
 }

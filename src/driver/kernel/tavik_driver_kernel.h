@@ -1,11 +1,13 @@
 #pragma once
 
-#include <dirent.h>
-
 #include <tavik/tavik_driver.h>
 
+#include "driver/kernel/linux_tavik_driver_kernel_os.h"
+
 // The built-in kernel-mode driver: one bus type, its device nodes under /dev, and
-// the eight device operations over plain system calls.
+// the eight device operations over plain system calls. This generic half owns the
+// device list; the operating-system half (linux_tavik_driver_kernel_os.h) only
+// answers its questions.
 
 inline constexpr const char* kKernelDevFolder = "/dev";
 
@@ -29,17 +31,4 @@ int16 tavik_driver_kernel_dev_write(tavik_driver_device* device, const uns8* dat
 int16 tavik_driver_kernel_dev_ioctl(tavik_driver_device* device, uns32 request, void* arg);
 uns32 tavik_driver_kernel_dev_last_error_msg(tavik_driver_device* device, char* pBuffer,
                                              uns32 bufferSize);
-int16 tavik_driver_kernel_dev_start_notif_thread(tavik_driver_device* device,
-                                                 tavik_dcb_invoke_callback_fn callback);
-int16 tavik_driver_kernel_dev_stop_notif_thread(tavik_driver_device* device);
-
-// The system-call wrappers (tavik_driver_kernel_os_*) are in
-// linux_tavik_driver_kernel_os.h.
-
-// Node-name filters handed to scandir, one per bus type: the type's prefix, then
-// one or more decimal digits, and nothing after them.
-int _kernel_scandir_filter_PCI(const struct dirent* entry);
-int _kernel_scandir_filter_PCIE(const struct dirent* entry);
-int _kernel_scandir_filter_USB(const struct dirent* entry);
-int _kernel_scandir_filter_1394(const struct dirent* entry);
-int _kernel_scandir_filter_SW(const struct dirent* entry);
+// start_notif_thread and stop_notif_thread are the operating-system half's.

@@ -1,12 +1,10 @@
 #pragma once
 
-// The trace pattern shared by every operation of the driver layer. Each operation
-// keeps its trace object in a std::unique_ptr that is null when logging is off, so
-// an untraced call pays one pointer test. The level test always comes before the
-// arguments are formatted; these macros keep that order in one place and let the
+// The trace pattern shared by every operation of the library. Each operation
+// keeps its trace object in a kt::LogFnSlot that is empty when logging is off, so
+// an untraced call pays one test. The level test always comes before the
+// arguments are captured; these macros keep that order in one place and let the
 // compiler check every format against its arguments.
-
-#include <memory>
 
 #include "log/LogDdi.h"
 #include "log/LogEntry.h"
@@ -21,6 +19,13 @@
     do {                                                                           \
         if ((fn) && (fn)->WillBeLogged(kt::LogEntry::level))                       \
             (fn)->LogMessage(kt::LogEntry::level, __VA_ARGS__);                    \
+    } while (0)
+
+// A message followed by a hex dump of size bytes at data.
+#define DDI_TRACE_DUMP(fn, level, data, size, ...)                                 \
+    do {                                                                           \
+        if ((fn) && (fn)->WillBeLogged(kt::LogEntry::level))                       \
+            (fn)->LogDumpMessage(kt::LogEntry::level, (data), (size), __VA_ARGS__); \
     } while (0)
 
 #define DDI_TRACE_RETURN_ARGS(fn, ...)                                             \
