@@ -3,7 +3,7 @@
 // line to the same file, or spdlog's asynchronous logger doing the same work
 // with the same durability (every line reaches the file with its own write()).
 //
-//   build/<dir>/bin/bench_log --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
+//   build/<dir>/bin/bench_log --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 //       --benchmark_out=bench_log.json --benchmark_out_format=json
 //
 // The paired figures (ours against write() or spdlog) are measured in the same

@@ -88,6 +88,8 @@ private:
     bool StartLazily(bool answer);
     // Appends the entry, or counts and destroys it while the log drops.
     void Enqueue(std::unique_ptr<LogEntry> entry);
+    struct ReturnedBlock;
+    static void FreeBlocks(ReturnedBlock* blocks) noexcept;
     // Counts one entry that overload keeps out; false when the log stopped
     // dropping meanwhile and the entry must be queued after all.
     bool CountIfDropping();
@@ -116,6 +118,18 @@ private:
     // True while the worker delivers an entry it has taken off the queue: a flush
     // must not report an empty queue while the last line is still being written.
     bool m_delivering = false;
+    // The memory of delivered entries on its way back: the worker leaves it here
+    // and a producer frees it, at most two blocks a call, after it has queued its
+    // own entry. Freeing then lands in the producing thread's allocator cache, where
+    // its next entry is allocated, and the worker never contends with producers
+    // for the allocator's locks. Guarded by m_queueMutex; the count is also read
+    // without it, as a hint.
+    struct ReturnedBlock {
+        ReturnedBlock* next;
+    };
+    static constexpr size_t kMaxReturned = 1024;
+    ReturnedBlock* m_returned = nullptr;
+    std::atomic<size_t> m_returnedCount{0};
 
     static std::atomic<bool> m_inLibLoadUnload;
 };

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "log/LogFormat.h"
 #include "log/LogUtils.h"
 #include "log/StringUtils.h"
 
@@ -17,166 +18,13 @@ namespace {
 enum PartKind : unsigned char {
     kLiteral = 1,  // address of a static text
     kText = 2,     // length, bytes
-    kFormat = 3,   // address of the format, length of the arguments, the arguments
+    kFormat = 3,   // the parsed format (or null), the format, length of the arguments, the arguments
     kJoin = 4,     // ", " when the parts on both sides are non-empty
     kUnsigned = 5, // 64-bit value in decimal
     kDump = 6,     // total size, kept size, kept bytes
 };
 
 constexpr uint32_t kNullString = 0xFFFFFFFFu;
-
-// What the length modifiers of a conversion make of its argument.
-enum class Length : unsigned char { kNone, kChar, kShort, kLong, kLongLong, kLongDouble };
-
-// One conversion of a format. Capture and rendering parse the format with the
-// same function, so they always agree on the arguments that a format takes.
-struct Spec {
-    const char* begin = nullptr; // the '%'
-    const char* end = nullptr;   // after the conversion letter
-    bool plain = false;          // no flags, width or precision
-    bool starWidth = false;
-    bool starPrecision = false;
-    bool hasPrecision = false;
-    long precision = 0; // a precision written in the format
-    Length length = Length::kNone;
-    char conversion = 0;
-};
-
-constexpr size_t kMaxSpecLength = 48;
-
-bool IsDigit(char c) {
-    return c >= '0' && c <= '9';
-}
-
-// Parses the conversion that starts at p, a '%'. False for what capture does not
-// defer: positional arguments, wide characters, "%m" (errno of the moment), "%n",
-// and anything the C library's printf would not take the usual way.
-bool ParseSpec(const char* p, Spec& spec) {
-    spec = Spec();
-    spec.begin = p++;
-    for (const char* q = p; IsDigit(*q); ++q) {
-        if (q[1] == '$') {
-            return false;
-        }
-    }
-    const char* flagsStart = p;
-    while (*p == '-' || *p == '+' || *p == ' ' || *p == '#' || *p == '0' || *p == '\'' ||
-           *p == 'I') {
-        ++p;
-    }
-    if (*p == '*') {
-        spec.starWidth = true;
-        ++p;
-        if (IsDigit(*p)) {
-            return false; // "*n$"
-        }
-    } else {
-        while (IsDigit(*p)) {
-            ++p;
-        }
-    }
-    if (*p == '.') {
-        ++p;
-        spec.hasPrecision = true;
-        if (*p == '*') {
-            spec.starPrecision = true;
-            ++p;
-            if (IsDigit(*p)) {
-                return false;
-            }
-        } else {
-            long precision = 0;
-            while (IsDigit(*p)) {
-                precision = std::min(precision * 10 + (*p - '0'), 1L << 30);
-                ++p;
-            }
-            spec.precision = precision;
-        }
-    }
-    spec.plain = p == flagsStart;
-    switch (*p) {
-    case 'h':
-        ++p;
-        spec.length = Length::kShort;
-        if (*p == 'h') {
-            ++p;
-            spec.length = Length::kChar;
-        }
-        break;
-    case 'l':
-        ++p;
-        spec.length = Length::kLong;
-        if (*p == 'l') {
-            ++p;
-            spec.length = Length::kLongLong;
-        }
-        break;
-    case 'q':
-        ++p;
-        spec.length = Length::kLongLong;
-        break;
-    case 'L':
-        ++p;
-        spec.length = Length::kLongDouble;
-        break;
-    case 'j':
-    case 'z':
-    case 'Z':
-    case 't':
-        ++p;
-        spec.length = Length::kLong; // all 64 bits wide here
-        break;
-    default:
-        break;
-    }
-    spec.conversion = *p;
-    if (spec.conversion == '\0') {
-        return false;
-    }
-    spec.end = p + 1;
-    if (static_cast<size_t>(spec.end - spec.begin) > kMaxSpecLength) {
-        return false;
-    }
-    switch (spec.conversion) {
-    case 'd':
-    case 'i':
-    case 'o':
-    case 'u':
-    case 'x':
-    case 'X':
-        return true;
-    case 'e':
-    case 'E':
-    case 'f':
-    case 'F':
-    case 'g':
-    case 'G':
-    case 'a':
-    case 'A':
-        return spec.length == Length::kNone || spec.length == Length::kLong ||
-               spec.length == Length::kLongDouble;
-    case 'c':
-    case 's':
-    case 'p':
-        return spec.length == Length::kNone;
-    case '%':
-        return spec.end == spec.begin + 2;
-    default:
-        return false;
-    }
-}
-
-bool IsInteger(char conversion) {
-    return conversion == 'd' || conversion == 'i' || conversion == 'o' || conversion == 'u' ||
-           conversion == 'x' || conversion == 'X' || conversion == 'c';
-}
-
-// 64 bits for long, long long, intmax_t, size_t and ptrdiff_t (and "%Ld"); an int
-// for the rest, which printf receives promoted.
-bool IsWideInteger(const Spec& spec) {
-    return spec.length == Length::kLong || spec.length == Length::kLongLong ||
-           spec.length == Length::kLongDouble;
-}
 
 template <class T>
 T ReadValue(const unsigned char*& p) {
@@ -187,106 +35,8 @@ T ReadValue(const unsigned char*& p) {
 }
 
 template <class T>
-void WriteValue(unsigned char*& p, T value) {
+void WriteValue(unsigned char* p, T value) {
     std::memcpy(p, &value, sizeof(T));
-    p += sizeof(T);
-}
-
-// The argument bytes a format takes, measured on a copy of the argument list.
-// Returns false for a format that capture does not defer.
-bool MeasureArguments(const char* format, va_list args, size_t& bytes) {
-    bytes = 0;
-    for (const char* f = std::strchr(format, '%'); f != nullptr; f = std::strchr(f, '%')) {
-        Spec spec;
-        if (!ParseSpec(f, spec)) {
-            return false;
-        }
-        f = spec.end;
-        if (spec.conversion == '%') {
-            continue;
-        }
-        long precision = spec.hasPrecision ? spec.precision : -1;
-        if (spec.starWidth) {
-            (void)va_arg(args, int);
-            bytes += sizeof(int);
-        }
-        if (spec.starPrecision) {
-            precision = va_arg(args, int);
-            bytes += sizeof(int);
-        }
-        if (IsInteger(spec.conversion)) {
-            if (IsWideInteger(spec)) {
-                (void)va_arg(args, long long);
-                bytes += sizeof(long long);
-            } else {
-                (void)va_arg(args, int);
-                bytes += sizeof(int);
-            }
-        } else if (spec.conversion == 's') {
-            const char* text = va_arg(args, const char*);
-            bytes += sizeof(uint32_t);
-            if (text != nullptr) {
-                bytes += (precision >= 0 ? strnlen(text, static_cast<size_t>(precision))
-                                         : std::strlen(text)) +
-                         1;
-            }
-        } else if (spec.conversion == 'p') {
-            (void)va_arg(args, void*);
-            bytes += sizeof(void*);
-        } else if (spec.length == Length::kLongDouble) {
-            (void)va_arg(args, long double);
-            bytes += sizeof(long double);
-        } else {
-            (void)va_arg(args, double);
-            bytes += sizeof(double);
-        }
-    }
-    return true;
-}
-
-void WriteArguments(const char* format, va_list args, unsigned char* out) {
-    for (const char* f = std::strchr(format, '%'); f != nullptr; f = std::strchr(f, '%')) {
-        Spec spec;
-        ParseSpec(f, spec);
-        f = spec.end;
-        if (spec.conversion == '%') {
-            continue;
-        }
-        long precision = spec.hasPrecision ? spec.precision : -1;
-        if (spec.starWidth) {
-            WriteValue(out, va_arg(args, int));
-        }
-        if (spec.starPrecision) {
-            const int star = va_arg(args, int);
-            precision = star;
-            WriteValue(out, star);
-        }
-        if (IsInteger(spec.conversion)) {
-            if (IsWideInteger(spec)) {
-                WriteValue(out, va_arg(args, long long));
-            } else {
-                WriteValue(out, va_arg(args, int));
-            }
-        } else if (spec.conversion == 's') {
-            const char* text = va_arg(args, const char*);
-            if (text == nullptr) {
-                WriteValue(out, kNullString);
-                continue;
-            }
-            const size_t length = precision >= 0 ? strnlen(text, static_cast<size_t>(precision))
-                                                 : std::strlen(text);
-            WriteValue(out, static_cast<uint32_t>(length));
-            std::memcpy(out, text, length);
-            out[length] = '\0';
-            out += length + 1;
-        } else if (spec.conversion == 'p') {
-            WriteValue(out, va_arg(args, void*));
-        } else if (spec.length == Length::kLongDouble) {
-            WriteValue(out, va_arg(args, long double));
-        } else {
-            WriteValue(out, va_arg(args, double));
-        }
-    }
 }
 
 // ---------------------------------------------------------------------------
@@ -300,26 +50,38 @@ char* PutDecimal(char* end, unsigned long long value) {
     return end;
 }
 
-void AppendUnsigned(std::string& out, unsigned long long value) {
+// Appends sign and digits, with zeros between them up to width characters, as
+// printf's "%0<width>" does.
+void AppendPadded(std::string& out, bool negative, const char* digits, size_t count,
+                  size_t width) {
+    const size_t length = count + (negative ? 1 : 0);
+    if (negative) {
+        out += '-';
+    }
+    if (width > length) {
+        out.append(width - length, '0');
+    }
+    out.append(digits, count);
+}
+
+void AppendUnsigned(std::string& out, unsigned long long value, size_t width = 0) {
     char digits[24];
     char* end = digits + sizeof(digits);
     const char* begin = PutDecimal(end, value);
-    out.append(begin, static_cast<size_t>(end - begin));
+    AppendPadded(out, false, begin, static_cast<size_t>(end - begin), width);
 }
 
-void AppendSigned(std::string& out, long long value) {
+void AppendSigned(std::string& out, long long value, size_t width) {
     char digits[24];
     char* end = digits + sizeof(digits);
     const unsigned long long magnitude =
         value < 0 ? 0ULL - static_cast<unsigned long long>(value) : static_cast<unsigned long long>(value);
-    char* begin = PutDecimal(end, magnitude);
-    if (value < 0) {
-        *--begin = '-';
-    }
-    out.append(begin, static_cast<size_t>(end - begin));
+    const char* begin = PutDecimal(end, magnitude);
+    AppendPadded(out, value < 0, begin, static_cast<size_t>(end - begin), width);
 }
 
-void AppendHex(std::string& out, unsigned long long value, bool upper, bool prefix) {
+void AppendHex(std::string& out, unsigned long long value, bool upper, bool prefix,
+               size_t width = 0) {
     static constexpr char kLower[] = "0123456789abcdef";
     static constexpr char kUpper[] = "0123456789ABCDEF";
     const char* digits = upper ? kUpper : kLower;
@@ -334,7 +96,7 @@ void AppendHex(std::string& out, unsigned long long value, bool upper, bool pref
         *--p = 'x';
         *--p = '0';
     }
-    out.append(p, static_cast<size_t>(end - p));
+    AppendPadded(out, false, p, static_cast<size_t>(end - p), width);
 }
 
 // One conversion through the C library, for everything with flags, a width or a
@@ -386,107 +148,126 @@ bool AppendFormatted(std::string& out, const char* spec, int stars, const int* s
     return true;
 }
 
-// Renders one format with its captured arguments; false when a NUL cut it short.
-bool RenderFormat(std::string& out, const char* format, const unsigned char* args) {
-    const char* f = format;
-    for (;;) {
-        const char* percent = std::strchr(f, '%');
-        if (percent == nullptr) {
-            out.append(f);
-            return true;
-        }
-        out.append(f, static_cast<size_t>(percent - f));
-        Spec spec;
-        ParseSpec(percent, spec);
-        f = spec.end;
-        const char conversion = spec.conversion;
-        if (conversion == '%') {
-            out += '%';
-            continue;
-        }
+// Renders one parsed format with its captured arguments; false when a NUL cut
+// it short.
+bool RenderFormat(std::string& out, const LogFormat& parsed, const unsigned char* args) {
+    const char* const format = parsed.format;
+    for (uint8_t i = 0; i < parsed.count; ++i) {
+        const LogFormat::Conversion& c = parsed.conversions[i];
+        out.append(format + c.literalBegin, c.literalLength);
         int star[2] = {0, 0};
-        int stars = 0;
-        if (spec.starWidth) {
-            star[stars++] = ReadValue<int>(args);
+        for (uint8_t k = 0; k < c.stars; ++k) {
+            star[k] = ReadValue<int>(args);
         }
-        if (spec.starPrecision) {
-            star[stars++] = ReadValue<int>(args);
-        }
-        char specText[kMaxSpecLength + 1];
-        const size_t specLength = static_cast<size_t>(spec.end - spec.begin);
-        if (!spec.plain || stars != 0 || spec.length == Length::kShort ||
-            spec.length == Length::kChar) {
-            std::memcpy(specText, spec.begin, specLength);
-            specText[specLength] = '\0';
-        } else {
-            specText[0] = '\0'; // the fast paths below
-        }
-        const bool viaLibrary = specText[0] != '\0';
-        bool whole = true;
-        if (IsInteger(conversion)) {
-            const bool wide = IsWideInteger(spec);
-            const long long value = wide ? ReadValue<long long>(args) : ReadValue<int>(args);
-            if (viaLibrary) {
-                whole = wide ? AppendFormatted(out, specText, stars, star, value)
-                             : AppendFormatted(out, specText, stars, star, static_cast<int>(value));
-            } else if (conversion == 'd' || conversion == 'i') {
-                AppendSigned(out, value);
-            } else if (conversion == 'u') {
-                AppendUnsigned(out, wide ? static_cast<unsigned long long>(value)
-                                         : static_cast<unsigned int>(value));
-            } else if (conversion == 'x' || conversion == 'X') {
-                AppendHex(out,
-                          wide ? static_cast<unsigned long long>(value)
-                               : static_cast<unsigned int>(value),
-                          conversion == 'X', false);
-            } else if (conversion == 'c') {
-                const char c = static_cast<char>(static_cast<unsigned char>(value));
-                if (c == '\0') {
-                    return false;
-                }
-                out += c;
-            } else {
-                std::memcpy(specText, spec.begin, specLength);
-                specText[specLength] = '\0';
-                whole = wide ? AppendFormatted(out, specText, stars, star, value)
-                             : AppendFormatted(out, specText, stars, star, static_cast<int>(value));
-            }
-        } else if (conversion == 's') {
-            const uint32_t length = ReadValue<uint32_t>(args);
-            const char* text = nullptr;
-            if (length != kNullString) {
+        long long integer = 0;
+        const char* text = nullptr;
+        uint32_t textLength = 0;
+        void* pointer = nullptr;
+        double real = 0;
+        long double longReal = 0;
+        switch (c.arg) {
+        case LogFormat::kNoArg:
+            break;
+        case LogFormat::kInt:
+            integer = ReadValue<int>(args);
+            break;
+        case LogFormat::kWide:
+            integer = ReadValue<long long>(args);
+            break;
+        case LogFormat::kDouble:
+            real = ReadValue<double>(args);
+            break;
+        case LogFormat::kLongDouble:
+            longReal = ReadValue<long double>(args);
+            break;
+        case LogFormat::kPointer:
+            pointer = ReadValue<void*>(args);
+            break;
+        case LogFormat::kString:
+            textLength = ReadValue<uint32_t>(args);
+            if (textLength != kNullString) {
                 text = reinterpret_cast<const char*>(args);
-                args += length + 1;
+                args += textLength + 1;
             }
-            if (viaLibrary) {
-                whole = AppendFormatted(out, specText, stars, star, text);
-            } else if (text == nullptr) {
+            break;
+        }
+        const bool wide = c.arg == LogFormat::kWide;
+        switch (c.print) {
+        case LogFormat::kPercent:
+            out += '%';
+            break;
+        case LogFormat::kSigned:
+            AppendSigned(out, integer, c.zeroPad);
+            break;
+        case LogFormat::kUnsigned:
+            AppendUnsigned(out,
+                           wide ? static_cast<unsigned long long>(integer)
+                                : static_cast<unsigned int>(integer),
+                           c.zeroPad);
+            break;
+        case LogFormat::kHexLower:
+        case LogFormat::kHexUpper:
+            AppendHex(out,
+                      wide ? static_cast<unsigned long long>(integer)
+                           : static_cast<unsigned int>(integer),
+                      c.print == LogFormat::kHexUpper, false, c.zeroPad);
+            break;
+        case LogFormat::kChar:
+            if (static_cast<char>(integer) == '\0') {
+                return false;
+            }
+            out += static_cast<char>(integer);
+            break;
+        case LogFormat::kText:
+            if (text == nullptr) {
                 out.append("(null)");
             } else {
-                out.append(text, length);
+                out.append(text, textLength);
             }
-        } else if (conversion == 'p') {
-            void* value = ReadValue<void*>(args);
-            if (viaLibrary) {
-                whole = AppendFormatted(out, specText, stars, star, value);
-            } else if (value == nullptr) {
+            break;
+        case LogFormat::kAddress:
+            if (pointer == nullptr) {
                 out.append("(nil)");
             } else {
-                AppendHex(out, reinterpret_cast<uintptr_t>(value), false, true);
+                AppendHex(out, reinterpret_cast<uintptr_t>(pointer), false, true);
             }
-        } else {
-            std::memcpy(specText, spec.begin, specLength);
-            specText[specLength] = '\0';
-            if (spec.length == Length::kLongDouble) {
-                whole = AppendFormatted(out, specText, stars, star, ReadValue<long double>(args));
-            } else {
-                whole = AppendFormatted(out, specText, stars, star, ReadValue<double>(args));
+            break;
+        case LogFormat::kLibrary: {
+            char spec[LogFormat::kMaxSpecLength + 1];
+            std::memcpy(spec, format + c.specBegin, c.specLength);
+            spec[c.specLength] = '\0';
+            bool whole = true;
+            switch (c.arg) {
+            case LogFormat::kInt:
+                whole = AppendFormatted(out, spec, c.stars, star, static_cast<int>(integer));
+                break;
+            case LogFormat::kWide:
+                whole = AppendFormatted(out, spec, c.stars, star, integer);
+                break;
+            case LogFormat::kDouble:
+                whole = AppendFormatted(out, spec, c.stars, star, real);
+                break;
+            case LogFormat::kLongDouble:
+                whole = AppendFormatted(out, spec, c.stars, star, longReal);
+                break;
+            case LogFormat::kPointer:
+                whole = AppendFormatted(out, spec, c.stars, star, pointer);
+                break;
+            case LogFormat::kString:
+                whole = AppendFormatted(out, spec, c.stars, star, text);
+                break;
+            case LogFormat::kNoArg:
+                break;
             }
+            if (!whole) {
+                return false;
+            }
+            break;
         }
-        if (!whole) {
-            return false;
         }
     }
+    out.append(format + parsed.tailBegin, parsed.tailLength);
+    return true;
 }
 
 void RenderDump(std::string& out, const unsigned char* bytes, uint32_t kept, uint64_t total) {
@@ -514,10 +295,6 @@ void RenderDump(std::string& out, const unsigned char* bytes, uint32_t kept, uin
 // ---------------------------------------------------------------------------
 // Capture
 
-LogCapture::~LogCapture() {
-    std::free(m_heap);
-}
-
 void LogCapture::Clear() noexcept {
     m_size = 0;
     m_failed = false;
@@ -525,24 +302,27 @@ void LogCapture::Clear() noexcept {
     m_dumpSize = 0;
 }
 
-unsigned char* LogCapture::Grow(size_t more) noexcept {
+void LogCapture::Free() noexcept {
+    std::free(m_heap);
+    m_heap = nullptr;
+}
+
+unsigned char* LogCapture::GrowSlow(size_t more) noexcept {
     if (m_failed) {
         return nullptr;
     }
-    if (m_size + more > m_capacity) {
-        const size_t capacity = std::max(m_capacity * 2, m_size + more);
-        void* grown = std::realloc(m_heap, capacity);
-        if (grown == nullptr) {
-            m_failed = true;
-            return nullptr;
-        }
-        if (m_heap == nullptr) {
-            std::memcpy(grown, m_inline, m_size);
-        }
-        m_heap = static_cast<unsigned char*>(grown);
-        m_capacity = capacity;
+    const size_t capacity = std::max(m_capacity * 2, m_size + more);
+    void* grown = std::realloc(m_heap, capacity);
+    if (grown == nullptr) {
+        m_failed = true;
+        return nullptr;
     }
-    unsigned char* at = Data() + m_size;
+    if (m_heap == nullptr) {
+        std::memcpy(grown, m_inline, m_size);
+    }
+    m_heap = static_cast<unsigned char*>(grown);
+    m_capacity = capacity;
+    unsigned char* at = m_heap + m_size;
     m_size += more;
     return at;
 }
@@ -550,17 +330,17 @@ unsigned char* LogCapture::Grow(size_t more) noexcept {
 void LogCapture::AddLiteral(const char* text) noexcept {
     unsigned char* p = Grow(1 + sizeof(const char*));
     if (p != nullptr) {
-        *p++ = kLiteral;
-        WriteValue(p, text);
+        *p = kLiteral;
+        WriteValue(p + 1, text);
     }
 }
 
 void LogCapture::AddText(const char* text, size_t length) noexcept {
     unsigned char* p = Grow(1 + sizeof(uint32_t) + length);
     if (p != nullptr) {
-        *p++ = kText;
-        WriteValue(p, static_cast<uint32_t>(length));
-        std::memcpy(p, text, length);
+        *p = kText;
+        WriteValue(p + 1, static_cast<uint32_t>(length));
+        std::memcpy(p + 1 + sizeof(uint32_t), text, length);
     }
 }
 
@@ -568,43 +348,111 @@ bool LogCapture::AddFormat(const char* format, va_list args) noexcept {
     if (format == nullptr) {
         return false;
     }
-    size_t bytes = 0;
-    va_list measure;
-    va_copy(measure, args);
-    const bool deferred = MeasureArguments(format, measure, bytes);
-    va_end(measure);
-    if (deferred) {
-        unsigned char* p = Grow(1 + sizeof(const char*) + sizeof(uint32_t) + bytes);
-        if (p == nullptr) {
-            return false;
-        }
-        *p++ = kFormat;
-        WriteValue(p, format);
-        WriteValue(p, static_cast<uint32_t>(bytes));
-        va_list write;
-        va_copy(write, args);
-        WriteArguments(format, write, p);
-        va_end(write);
-        return true;
+    const LogFormat* shared = LogFormat::Find(format);
+    if (shared != nullptr) {
+        return AddParsed(*shared, shared, args);
+    }
+    LogFormat local;
+    if (LogFormat::Parse(format, local)) {
+        return AddParsed(local, nullptr, args);
     }
     // Formats whose arguments cannot wait are formatted now, on the caller's path,
     // as they always were; the result is kept as text.
+    va_list now;
+    va_copy(now, args);
+    bool formatted = false;
     try {
-        va_list now;
-        va_copy(now, args);
-        std::string text;
-        try {
-            text = LogUtils::FormatArgsToStdString(format, now);
-        } catch (...) {
-            va_end(now);
-            return false;
-        }
-        va_end(now);
+        const std::string text = LogUtils::FormatArgsToStdString(format, now);
         AddText(text.data(), text.size());
-        return !m_failed;
+        formatted = !m_failed;
     } catch (...) {
+        formatted = false;
+    }
+    va_end(now);
+    return formatted;
+}
+
+// One pass over the arguments: each value goes straight into the capture, and a
+// "%s" text is measured once and copied once.
+bool LogCapture::AddParsed(const LogFormat& parsed, const LogFormat* shared, va_list args) noexcept {
+    const size_t start = m_size;
+    constexpr size_t kHeader = 1 + sizeof(const LogFormat*) + sizeof(const char*) + sizeof(uint32_t);
+    unsigned char* header = Grow(kHeader);
+    if (header == nullptr) {
         return false;
     }
+    header[0] = kFormat;
+    WriteValue(header + 1, shared);
+    WriteValue(header + 1 + sizeof(const LogFormat*), parsed.format);
+    va_list work;
+    va_copy(work, args);
+    for (uint8_t i = 0; i < parsed.count; ++i) {
+        const LogFormat::Conversion& c = parsed.conversions[i];
+        int32_t precision = c.precision;
+        for (uint8_t k = 0; k < c.stars; ++k) {
+            const int star = va_arg(work, int);
+            if (c.starPrecision && k + 1 == c.stars) {
+                precision = star;
+            }
+            if (unsigned char* p = Grow(sizeof(int))) {
+                WriteValue(p, star);
+            }
+        }
+        switch (c.arg) {
+        case LogFormat::kNoArg:
+            break;
+        case LogFormat::kInt:
+            if (unsigned char* p = Grow(sizeof(int))) {
+                WriteValue(p, va_arg(work, int));
+            }
+            break;
+        case LogFormat::kWide:
+            if (unsigned char* p = Grow(sizeof(long long))) {
+                WriteValue(p, va_arg(work, long long));
+            }
+            break;
+        case LogFormat::kDouble:
+            if (unsigned char* p = Grow(sizeof(double))) {
+                WriteValue(p, va_arg(work, double));
+            }
+            break;
+        case LogFormat::kLongDouble:
+            if (unsigned char* p = Grow(sizeof(long double))) {
+                WriteValue(p, va_arg(work, long double));
+            }
+            break;
+        case LogFormat::kPointer:
+            if (unsigned char* p = Grow(sizeof(void*))) {
+                WriteValue(p, va_arg(work, void*));
+            }
+            break;
+        case LogFormat::kString: {
+            const char* text = va_arg(work, const char*);
+            if (text == nullptr) {
+                if (unsigned char* p = Grow(sizeof(uint32_t))) {
+                    WriteValue(p, kNullString);
+                }
+                break;
+            }
+            const size_t length = precision >= 0 ? strnlen(text, static_cast<size_t>(precision))
+                                                 : std::strlen(text);
+            if (unsigned char* p = Grow(sizeof(uint32_t) + length + 1)) {
+                WriteValue(p, static_cast<uint32_t>(length));
+                std::memcpy(p + sizeof(uint32_t), text, length);
+                p[sizeof(uint32_t) + length] = '\0';
+            }
+            break;
+        }
+        }
+    }
+    va_end(work);
+    if (m_failed) {
+        m_size = start;
+        return false;
+    }
+    const auto bytes = static_cast<uint32_t>(m_size - start - kHeader);
+    WriteValue(Data() + start + 1 + sizeof(const LogFormat*) + sizeof(const char*), bytes);
+    return true;
 }
 
 void LogCapture::AddJoin() noexcept {
@@ -617,8 +465,8 @@ void LogCapture::AddJoin() noexcept {
 void LogCapture::AddUnsigned(unsigned long long value) noexcept {
     unsigned char* p = Grow(1 + sizeof(uint64_t));
     if (p != nullptr) {
-        *p++ = kUnsigned;
-        WriteValue(p, static_cast<uint64_t>(value));
+        *p = kUnsigned;
+        WriteValue(p + 1, static_cast<uint64_t>(value));
     }
 }
 
@@ -658,10 +506,10 @@ void LogCapture::CopyTo(unsigned char* out) const noexcept {
     }
     unsigned char* p = out + m_size;
     const uint32_t kept = static_cast<uint32_t>(std::min(m_dumpSize, kDumpLimit));
-    *p++ = kDump;
-    WriteValue(p, static_cast<uint64_t>(m_dumpSize));
-    WriteValue(p, kept);
-    std::memcpy(p, m_dump, kept);
+    *p = kDump;
+    WriteValue(p + 1, static_cast<uint64_t>(m_dumpSize));
+    WriteValue(p + 1 + sizeof(uint64_t), kept);
+    std::memcpy(p + 1 + sizeof(uint64_t) + sizeof(uint32_t), m_dump, kept);
 }
 
 // ---------------------------------------------------------------------------
@@ -694,9 +542,17 @@ void LogCapture::Render(std::string& out, const unsigned char* data, size_t size
             break;
         }
         case kFormat: {
+            const LogFormat* shared = ReadValue<const LogFormat*>(p);
             const char* format = ReadValue<const char*>(p);
             const uint32_t bytes = ReadValue<uint32_t>(p);
-            RenderFormat(out, format, p);
+            if (shared != nullptr) {
+                RenderFormat(out, *shared, p);
+            } else {
+                LogFormat local;
+                if (LogFormat::Parse(format, local)) {
+                    RenderFormat(out, local, p);
+                }
+            }
             p += bytes;
             break;
         }

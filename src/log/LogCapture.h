@@ -7,6 +7,8 @@
 
 namespace kt {
 
+struct LogFormat;
+
 // The message of one log entry as the calling thread captures it: copied texts,
 // printf-style formats with copies of their arguments, and the raw bytes of a hex
 // dump. The caller pays for copies only; the log's worker renders the text later
@@ -20,7 +22,11 @@ public:
     static constexpr unsigned long kDumpLimit = 64 * 1024;
 
     LogCapture() noexcept = default;
-    ~LogCapture();
+    ~LogCapture() {
+        if (m_heap != nullptr) {
+            Free();
+        }
+    }
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
@@ -58,7 +64,18 @@ public:
 private:
     static constexpr size_t kInline = 192;
 
-    unsigned char* Grow(size_t more) noexcept;
+    // Room for more bytes at the end, null (and the capture failed) without memory.
+    unsigned char* Grow(size_t more) noexcept {
+        if (m_size + more <= m_capacity && !m_failed) {
+            unsigned char* at = Data() + m_size;
+            m_size += more;
+            return at;
+        }
+        return GrowSlow(more);
+    }
+    unsigned char* GrowSlow(size_t more) noexcept;
+    void Free() noexcept;
+    bool AddParsed(const LogFormat& parsed, const LogFormat* shared, va_list args) noexcept;
     unsigned char* Data() noexcept { return m_heap != nullptr ? m_heap : m_inline; }
     const unsigned char* Data() const noexcept { return m_heap != nullptr ? m_heap : m_inline; }
 

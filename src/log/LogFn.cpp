@@ -8,43 +8,17 @@
 
 namespace kt {
 
-namespace {
-
-const char* CategoryOrUnknown(const char* category) {
-    return (category != nullptr && category[0] != '\0') ? category : "???";
+const char* LogFn::NullFunction() {
+    throw std::logic_error("LogFn: null function signature");
 }
 
-const char* FunctionText(const char* function) {
-    if (function == nullptr) {
-        throw std::logic_error("LogFn: null function signature");
-    }
-    return function;
-}
-
-TimePoint Now() {
+TimePoint LogFn::Now() noexcept {
     return std::chrono::time_point_cast<std::chrono::nanoseconds>(
         std::chrono::system_clock::now());
 }
 
-} // namespace
-
-LogFn::LogFn(std::shared_ptr<Log> log, const char* category, const char* function)
-    : m_startTime(),
-      m_log(std::move(log)),
-      m_category(CategoryOrUnknown(category)),
-      m_function(FunctionText(function)) {
-    // The start time is only ever shown in a return line; a call whose trace is
-    // filtered out does not read the clock.
-    if (WillBeLogged()) {
-        m_startTime = Now();
-    }
-}
-
-LogFn::~LogFn() {
+void LogFn::LogReturn() noexcept {
     try {
-        if (!WillBeLogged()) {
-            return;
-        }
         // A trace that was switched on while the call ran has no start time.
         const TimePoint now = Now();
         const TimePoint start = m_startTime.time_since_epoch().count() != 0 ? m_startTime : now;
@@ -198,18 +172,6 @@ void LogFn::SetReturnResult(const char* format, ...) {
     va_start(args, format);
     CaptureInto(m_returnResult, format, args);
     va_end(args);
-}
-
-// ---------------------------------------------------------------------------
-
-LogFnSlot::LogFnSlot(Log* log, const char* category, const char* function) noexcept {
-    if (log == nullptr || function == nullptr) {
-        return;
-    }
-    // An aliasing pointer without an owner: no reference count is touched, on the
-    // promise that the log outlives the call.
-    new (m_storage) LogFn(std::shared_ptr<Log>(std::shared_ptr<Log>(), log), category, function);
-    m_engaged = true;
 }
 
 } // namespace kt

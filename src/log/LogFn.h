@@ -4,6 +4,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <utility>
 
 #include "log/Log.h"
 #include "log/LogCapture.h"
@@ -19,8 +20,22 @@ namespace kt {
 // are kept by address (the library passes literals) and copied into each entry.
 class LogFn {
 public:
-    LogFn(std::shared_ptr<Log> log, const char* category, const char* function);
-    ~LogFn();
+    // Inline, like the destructor: a call whose trace is filtered out pays for a
+    // few stores and level tests, and reads no clock.
+    LogFn(std::shared_ptr<Log> log, const char* category, const char* function)
+        : m_startTime(),
+          m_log(std::move(log)),
+          m_category(category != nullptr && category[0] != '\0' ? category : "???"),
+          m_function(function != nullptr ? function : NullFunction()) {
+        if (WillBeLogged()) {
+            m_startTime = Now();
+        }
+    }
+    ~LogFn() {
+        if (WillBeLogged()) {
+            LogReturn();
+        }
+    }
     LogFn(const LogFn&) = delete;
     LogFn& operator=(const LogFn&) = delete;
 
@@ -41,6 +56,9 @@ public:
     void SetReturnResult(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 private:
+    [[noreturn]] static const char* NullFunction();
+    static TimePoint Now() noexcept;
+    void LogReturn() noexcept;
     // Starts a line with "<function>: ".
     void BeginLine(LogCapture& line) const noexcept;
     void Queue(LogEntry::Level level, const LogCapture& line) const noexcept;
@@ -63,7 +81,15 @@ public:
     LogFnSlot() noexcept = default;
     // A trace over a log that outlives it (the set-up's), borrowed without
     // touching its reference count.
-    LogFnSlot(Log* log, const char* category, const char* function) noexcept;
+    LogFnSlot(Log* log, const char* category, const char* function) noexcept {
+        if (log != nullptr && function != nullptr) {
+            // An aliasing pointer without an owner: no reference count is touched,
+            // on the promise that the log outlives the call.
+            new (m_storage)
+                LogFn(std::shared_ptr<Log>(std::shared_ptr<Log>(), log), category, function);
+            m_engaged = true;
+        }
+    }
     ~LogFnSlot() {
         if (m_engaged) {
             get()->~LogFn();
