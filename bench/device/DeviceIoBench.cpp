@@ -65,51 +65,66 @@ std::string g_tmp;
 // sink writes in the same time; a loop without pauses would soon run the queue
 // over its overload threshold and time the cheap dropping path instead. So the
 // Trace figures are timed in bursts that stay well below the threshold, and
-// between bursts the timing pauses until the log file has stopped growing. The
-// program counts the overload reports in the Trace log at the end: no entry may
-// have been dropped.
+// between bursts the timing pauses until every line of the burst is in the log
+// file (each operation writes a known number of lines). The program counts the
+// overload reports in the Trace log at the end: no entry may have been dropped.
 constexpr int64_t kTraceBurst = 2000;
 
 std::string LogPath(const char* label) { return g_tmp + "/" + label + ".log"; }
 
-long long FileSize(const std::string& path) {
-  struct stat st {};
-  return stat(path.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
-}
+// Lines of the Trace log read so far, and where reading stopped.
+struct TraceLog {
+  int fd = -1;
+  uint64_t lines = 0;
+};
+TraceLog g_traceLog;
 
-void WaitForLogDrain() {
-  const std::string path = LogPath("trace");
-  long long last = FileSize(path);
-  for (int still = 0; still < 2;) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    const long long now = FileSize(path);
-    still = now == last ? still + 1 : 0;
-    last = now;
+void CountNewTraceLines() {
+  if (g_traceLog.fd < 0) g_traceLog.fd = open(LogPath("trace").c_str(), O_RDONLY | O_CLOEXEC);
+  static char buf[1 << 16];
+  for (;;) {
+    const ssize_t n = read(g_traceLog.fd, buf, sizeof buf);
+    if (n <= 0) return;
+    for (ssize_t i = 0; i < n; ++i) g_traceLog.lines += buf[i] == '\n';
   }
 }
 
-// Runs op once per iteration; at Trace in bursts with the drain between them
-// outside the timing.
+// Waits until the log holds `expected` lines; false after 60 s (the worker fell
+// behind for good, or dropped lines).
+bool WaitForTraceLines(uint64_t expected) {
+  const auto deadline = Clock::now() + std::chrono::seconds(60);
+  for (;;) {
+    CountNewTraceLines();
+    if (g_traceLog.lines >= expected) return true;
+    if (Clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+  }
+}
+
+// Runs op once per iteration; at Trace in bursts, each followed by a pause of the
+// timing until its `linesPerOp` lines a call are all in the file.
 template <class Op>
-void RunLevel(benchmark::State& state, Op op) {
+void RunLevel(benchmark::State& state, uint64_t linesPerOp, Op op) {
   if (state.range(0) != 2) {
     for (auto _ : state) op();
     return;
   }
-  WaitForLogDrain();
+  CountNewTraceLines();
+  uint64_t expected = g_traceLog.lines;
   int64_t inBurst = 0;
   for (auto _ : state) {
     op();
-    if (++inBurst == kTraceBurst) {
+    if (++inBurst == kTraceBurst && !state.error_occurred()) {
       state.PauseTiming();
-      WaitForLogDrain();
+      expected += static_cast<uint64_t>(inBurst) * linesPerOp;
+      if (!WaitForTraceLines(expected)) state.SkipWithError("the Trace log fell behind or dropped lines");
       state.ResumeTiming();
       inBurst = 0;
     }
   }
-  state.PauseTiming();
-  WaitForLogDrain();
-  state.ResumeTiming();
+  expected += static_cast<uint64_t>(inBurst) * linesPerOp;
+  if (!state.error_occurred() && !WaitForTraceLines(expected))
+    state.SkipWithError("the Trace log fell behind or dropped lines");
 }
 
 bool LoadInstance(Instance& in, const char* label, const char* level) {
@@ -150,8 +165,12 @@ void BM_Raw_OpenClose(benchmark::State& state) {
 
 void BM_Ddi_OpenClose(benchmark::State& state) {
   tavik_driver_device* d = g_inst[state.range(0)].zero;
-  RunLevel(state, [&] {
-    if (d->open(d) != KZ_ERR_NONE) state.SkipWithError("open");
+  RunLevel(state, 6, [&] {
+    if (d->open(d) != KZ_ERR_NONE && !state.error_occurred()) {
+      char text[256] = "";
+      d->last_error_msg(d, text, sizeof text);
+      state.SkipWithError((std::string("open: ") + text).c_str());
+    }
     d->close(d);
   });
 }
@@ -170,7 +189,7 @@ void BM_Ddi_Read(benchmark::State& state) {
   d->open(d);
   uns8 buf[64];
   uns16 n = 0;
-  RunLevel(state, [&] { benchmark::DoNotOptimize(d->read(d, buf, sizeof buf, &n)); });
+  RunLevel(state, 3, [&] { benchmark::DoNotOptimize(d->read(d, buf, sizeof buf, &n)); });
   d->close(d);
 }
 
@@ -187,7 +206,7 @@ void BM_Ddi_Read4K(benchmark::State& state) {
   d->open(d);
   static uns8 buf[4096];
   uns16 n = 0;
-  RunLevel(state, [&] { benchmark::DoNotOptimize(d->read(d, buf, sizeof buf, &n)); });
+  RunLevel(state, 3, [&] { benchmark::DoNotOptimize(d->read(d, buf, sizeof buf, &n)); });
   d->close(d);
 }
 
@@ -203,7 +222,7 @@ void BM_Ddi_Write(benchmark::State& state) {
   d->open(d);
   uns8 buf[64] = {1, 2, 3};
   uns16 n = 0;
-  RunLevel(state, [&] { benchmark::DoNotOptimize(d->write(d, buf, sizeof buf, &n)); });
+  RunLevel(state, 3, [&] { benchmark::DoNotOptimize(d->write(d, buf, sizeof buf, &n)); });
   d->close(d);
 }
 
@@ -220,7 +239,7 @@ void BM_Ddi_Ioctl(benchmark::State& state) {
   tavik_driver_device* d = g_inst[state.range(0)].camera;
   d->open(d);
   int pending = 0;
-  RunLevel(state, [&] { benchmark::DoNotOptimize(d->ioctl(d, FIONREAD, &pending)); });
+  RunLevel(state, 3, [&] { benchmark::DoNotOptimize(d->ioctl(d, FIONREAD, &pending)); });
   d->close(d);
 }
 

@@ -222,11 +222,13 @@ void Log::AddEntry(const char* category, LogEntry::Level level, std::string mess
     }
 }
 
-void Log::AddEntry(const char* category, LogEntry::Level level, const LogCapture& message) noexcept {
+void Log::AddEntry(const char* category, LogEntry::Level level, const LogCapture& message,
+                   const TimePoint* time) noexcept {
     if (CountIfDropping()) {
         return;
     }
-    std::unique_ptr<LogEntry> entry(LogEntry::Create(category, level, GetThreadDepth(), message));
+    std::unique_ptr<LogEntry> entry(
+        LogEntry::Create(category, level, GetThreadDepth(), message, time));
     if (entry) {
         Enqueue(std::move(entry));
     }

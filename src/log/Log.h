@@ -74,8 +74,10 @@ public:
     void AddEntry(const char* category, LogEntry::Level level, const char* format, ...)
         __attribute__((format(printf, 4, 5)));
     // Queues an entry whose message the worker renders from the capture, without
-    // testing the level (callers test first).
-    void AddEntry(const char* category, LogEntry::Level level, const LogCapture& message) noexcept;
+    // testing the level (callers test first). The entry's time is now, or the given
+    // one when the caller has just read the clock.
+    void AddEntry(const char* category, LogEntry::Level level, const LogCapture& message,
+                  const TimePoint* time = nullptr) noexcept;
     bool AddListener(const std::weak_ptr<ILogListener>& listener);
     bool RemoveListener(const std::weak_ptr<ILogListener>& listener);
     uint64_t Flush(uint64_t timeLimitMs);

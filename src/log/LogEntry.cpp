@@ -61,21 +61,23 @@ LogEntry::LogEntry(const char* category, Level level, uint16_t depth, std::strin
       m_depth(depth),
       m_message(std::move(message)) {}
 
-LogEntry::LogEntry(const char* category, Level level, uint16_t depth, size_t captureSize)
+LogEntry::LogEntry(const char* category, Level level, uint16_t depth, size_t captureSize,
+                   const TimePoint* time)
     : m_formattedMessage(),
       m_levelChar(LevelChar(level)),
       m_category(category != nullptr && category[0] != '\0' ? category : "???"),
       m_level(level),
       m_pid(LogUtils::GetCurrentProcessId()),
       m_tid(LogUtils::GetCurrentThreadId()),
-      m_time(std::chrono::time_point_cast<std::chrono::nanoseconds>(
-          std::chrono::system_clock::now())),
+      m_time(time != nullptr ? *time
+                             : std::chrono::time_point_cast<std::chrono::nanoseconds>(
+                                   std::chrono::system_clock::now())),
       m_depth(depth),
       m_message(),
       m_captureSize(captureSize) {}
 
 LogEntry* LogEntry::Create(const char* category, Level level, uint16_t depth,
-                           const LogCapture& message) noexcept {
+                           const LogCapture& message, const TimePoint* time) noexcept {
     if (!message.Ok()) {
         return nullptr;
     }
@@ -86,7 +88,7 @@ LogEntry* LogEntry::Create(const char* category, Level level, uint16_t depth,
     }
     LogEntry* entry = nullptr;
     try {
-        entry = new (memory) LogEntry(category, level, depth, captureSize);
+        entry = new (memory) LogEntry(category, level, depth, captureSize, time);
     } catch (...) {
         std::free(memory); // a long category that found no memory
         return nullptr;

@@ -25,9 +25,10 @@ public:
     LogEntry(const LogEntry&) = delete;
     LogEntry& operator=(const LogEntry&) = delete;
 
-    // An entry whose message is the capture's; null when memory ran out.
+    // An entry whose message is the capture's; null when memory ran out. The time
+    // is now, or the given one when the caller has just read the clock itself.
     static LogEntry* Create(const char* category, Level level, uint16_t depth,
-                            const LogCapture& message) noexcept;
+                            const LogCapture& message, const TimePoint* time = nullptr) noexcept;
 
     LogEntry& FormatMessage();
     // Whether the message is rendered from a capture by FormatMessage.
@@ -51,7 +52,8 @@ public:
     std::string m_message;
 
 private:
-    LogEntry(const char* category, Level level, uint16_t depth, size_t captureSize);
+    LogEntry(const char* category, Level level, uint16_t depth, size_t captureSize,
+             const TimePoint* time);
     const unsigned char* Capture() const noexcept {
         return reinterpret_cast<const unsigned char*>(this + 1);
     }

@@ -28,7 +28,7 @@ void LogFn::LogReturn() noexcept {
             LogCapture line;
             BeginLine(line);
             line.AddLiteral("Log indentation is incorrect");
-            Queue(LogEntry::Error, line);
+            Queue(LogEntry::Error, line, &now);
         }
         LogCapture line;
         BeginLine(line);
@@ -51,21 +51,25 @@ void LogFn::LogReturn() noexcept {
         line.AddLiteral(") [");
         line.AddUnsigned(elapsedUs);
         line.AddLiteral("us]");
-        Queue(LogEntry::Trace, line);
+        Queue(LogEntry::Trace, line, &now);
     } catch (...) {
         // Nothing may leave a destructor; the return line is lost.
     }
 }
 
 void LogFn::BeginLine(LogCapture& line) const noexcept {
-    line.AddText(m_function, std::strlen(m_function));
+    if (m_functionLength == static_cast<size_t>(-1)) {
+        m_functionLength = std::strlen(m_function);
+    }
+    line.AddText(m_function, m_functionLength);
     line.AddLiteral(": ");
 }
 
-void LogFn::Queue(LogEntry::Level level, const LogCapture& line) const noexcept {
+void LogFn::Queue(LogEntry::Level level, const LogCapture& line,
+                  const TimePoint* time) const noexcept {
     // The log tests the level here, as for every other line of the trace.
     if (m_log && m_log->WillBeLogged(level)) {
-        m_log->AddEntry(m_category, level, line);
+        m_log->AddEntry(m_category, level, line, time);
     }
 }
 
@@ -104,7 +108,10 @@ void LogFn::LogEnterMessage(const char* format, ...) {
     }
     line.AddLiteral(")");
     m_entered = true;
-    Queue(LogEntry::Trace, line);
+    // The call was entered when the trace began: the enter line takes that time
+    // rather than reading the clock again.
+    Queue(LogEntry::Trace, line,
+          m_startTime.time_since_epoch().count() != 0 ? &m_startTime : nullptr);
     // The depth goes up whether or not the line made it, so that the return line
     // (which always lowers it) keeps the thread's indentation balanced.
     Log::IncreaseThreadDepth();

@@ -61,13 +61,15 @@ private:
     void LogReturn() noexcept;
     // Starts a line with "<function>: ".
     void BeginLine(LogCapture& line) const noexcept;
-    void Queue(LogEntry::Level level, const LogCapture& line) const noexcept;
+    void Queue(LogEntry::Level level, const LogCapture& line,
+               const TimePoint* time = nullptr) const noexcept;
     bool CaptureInto(LogCapture& target, const char* format, va_list args) noexcept;
 
     TimePoint m_startTime;
     std::shared_ptr<Log> m_log;
     const char* m_category;
     const char* m_function;
+    mutable size_t m_functionLength = static_cast<size_t>(-1); // measured on first use
     bool m_entered = false;
     LogCapture m_returnArgs;
     LogCapture m_returnResult;
