@@ -364,9 +364,9 @@ void Log::ThreadFunc() {
         // The entry's texts borrow the worker's buffers while it is delivered and
         // hand them back, so that after the first lines formatting allocates nothing.
         const bool captured = entry->IsCaptured();
-        entry->m_formattedMessage.swap(spareLine);
+        entry->m_formattedMessage = std::move(spareLine);
         if (captured) {
-            entry->m_message.swap(spareMessage);
+            entry->m_message = std::move(spareMessage);
         }
         try {
             entry->FormatMessage();
@@ -374,9 +374,9 @@ void Log::ThreadFunc() {
         } catch (...) {
             // An entry that cannot be formatted is skipped; the worker goes on.
         }
-        entry->m_formattedMessage.swap(spareLine);
+        spareLine = std::move(entry->m_formattedMessage);
         if (captured) {
-            entry->m_message.swap(spareMessage);
+            spareMessage = std::move(entry->m_message);
         }
         LogEntry* delivered = entry.release();
         delivered->~LogEntry();

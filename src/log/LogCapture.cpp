@@ -42,6 +42,57 @@ void WriteValue(unsigned char* p, T value) {
 // ---------------------------------------------------------------------------
 // Rendering
 
+// What rendering writes to: small pieces gather in a buffer on the stack and
+// reach the string in few appends.
+class TextOut {
+public:
+    explicit TextOut(std::string& text) : m_text(text) {}
+    ~TextOut() { Flush(); }
+    TextOut(const TextOut&) = delete;
+    TextOut& operator=(const TextOut&) = delete;
+
+    void Put(const char* data, size_t length) {
+        if (m_used + length > sizeof(m_buffer)) {
+            Flush();
+            if (length > sizeof(m_buffer)) {
+                m_text.append(data, length);
+                return;
+            }
+        }
+        std::memcpy(m_buffer + m_used, data, length);
+        m_used += length;
+    }
+    void Put(const char* text) { Put(text, std::strlen(text)); }
+    void Put(char c) {
+        if (m_used == sizeof(m_buffer)) {
+            Flush();
+        }
+        m_buffer[m_used++] = c;
+    }
+    void Fill(char c, size_t count) {
+        while (count-- > 0) {
+            Put(c);
+        }
+    }
+    size_t Size() const { return m_text.size() + m_used; }
+    // The text so far, complete, for writing into it directly.
+    std::string& Text() {
+        Flush();
+        return m_text;
+    }
+    void Flush() {
+        if (m_used != 0) {
+            m_text.append(m_buffer, m_used);
+            m_used = 0;
+        }
+    }
+
+private:
+    std::string& m_text;
+    size_t m_used = 0;
+    char m_buffer[384];
+};
+
 char* PutDecimal(char* end, unsigned long long value) {
     do {
         *--end = static_cast<char>('0' + value % 10);
@@ -52,26 +103,26 @@ char* PutDecimal(char* end, unsigned long long value) {
 
 // Appends sign and digits, with zeros between them up to width characters, as
 // printf's "%0<width>" does.
-void AppendPadded(std::string& out, bool negative, const char* digits, size_t count,
+void AppendPadded(TextOut& out, bool negative, const char* digits, size_t count,
                   size_t width) {
     const size_t length = count + (negative ? 1 : 0);
     if (negative) {
-        out += '-';
+        out.Put('-');
     }
     if (width > length) {
-        out.append(width - length, '0');
+        out.Fill('0', width - length);
     }
-    out.append(digits, count);
+    out.Put(digits, count);
 }
 
-void AppendUnsigned(std::string& out, unsigned long long value, size_t width = 0) {
+void AppendUnsigned(TextOut& out, unsigned long long value, size_t width = 0) {
     char digits[24];
     char* end = digits + sizeof(digits);
     const char* begin = PutDecimal(end, value);
     AppendPadded(out, false, begin, static_cast<size_t>(end - begin), width);
 }
 
-void AppendSigned(std::string& out, long long value, size_t width) {
+void AppendSigned(TextOut& out, long long value, size_t width) {
     char digits[24];
     char* end = digits + sizeof(digits);
     const unsigned long long magnitude =
@@ -80,7 +131,7 @@ void AppendSigned(std::string& out, long long value, size_t width) {
     AppendPadded(out, value < 0, begin, static_cast<size_t>(end - begin), width);
 }
 
-void AppendHex(std::string& out, unsigned long long value, bool upper, bool prefix,
+void AppendHex(TextOut& out, unsigned long long value, bool upper, bool prefix,
                size_t width = 0) {
     static constexpr char kLower[] = "0123456789abcdef";
     static constexpr char kUpper[] = "0123456789ABCDEF";
@@ -104,7 +155,7 @@ void AppendHex(std::string& out, unsigned long long value, bool upper, bool pref
 // false when the text it produced holds a NUL (only "%c" can), after appending
 // what came before it: the rest of the part is then cut, as a C string would be.
 template <class T>
-bool AppendFormatted(std::string& out, const char* spec, int stars, const int* star, T value) {
+bool AppendFormatted(TextOut& out, const char* spec, int stars, const int* star, T value) {
     char buffer[256];
     int n = -1;
     switch (stars) {
@@ -141,20 +192,20 @@ bool AppendFormatted(std::string& out, const char* spec, int stars, const int* s
     const size_t length = static_cast<size_t>(n);
     const void* nul = std::memchr(text, '\0', length);
     if (nul != nullptr) {
-        out.append(text, static_cast<size_t>(static_cast<const char*>(nul) - text));
+        out.Put(text, static_cast<size_t>(static_cast<const char*>(nul) - text));
         return false;
     }
-    out.append(text, length);
+    out.Put(text, length);
     return true;
 }
 
 // Renders one parsed format with its captured arguments; false when a NUL cut
 // it short.
-bool RenderFormat(std::string& out, const LogFormat& parsed, const unsigned char* args) {
+bool RenderFormat(TextOut& out, const LogFormat& parsed, const unsigned char* args) {
     const char* const format = parsed.format;
     for (uint8_t i = 0; i < parsed.count; ++i) {
         const LogFormat::Conversion& c = parsed.conversions[i];
-        out.append(format + c.literalBegin, c.literalLength);
+        out.Put(format + c.literalBegin, c.literalLength);
         int star[2] = {0, 0};
         for (uint8_t k = 0; k < c.stars; ++k) {
             star[k] = ReadValue<int>(args);
@@ -194,7 +245,7 @@ bool RenderFormat(std::string& out, const LogFormat& parsed, const unsigned char
         const bool wide = c.arg == LogFormat::kWide;
         switch (c.print) {
         case LogFormat::kPercent:
-            out += '%';
+            out.Put('%');
             break;
         case LogFormat::kSigned:
             AppendSigned(out, integer, c.zeroPad);
@@ -216,18 +267,18 @@ bool RenderFormat(std::string& out, const LogFormat& parsed, const unsigned char
             if (static_cast<char>(integer) == '\0') {
                 return false;
             }
-            out += static_cast<char>(integer);
+            out.Put(static_cast<char>(integer));
             break;
         case LogFormat::kText:
             if (text == nullptr) {
-                out.append("(null)");
+                out.Put("(null)", 6);
             } else {
-                out.append(text, textLength);
+                out.Put(text, textLength);
             }
             break;
         case LogFormat::kAddress:
             if (pointer == nullptr) {
-                out.append("(nil)");
+                out.Put("(nil)", 5);
             } else {
                 AppendHex(out, reinterpret_cast<uintptr_t>(pointer), false, true);
             }
@@ -266,15 +317,16 @@ bool RenderFormat(std::string& out, const LogFormat& parsed, const unsigned char
         }
         }
     }
-    out.append(format + parsed.tailBegin, parsed.tailLength);
+    out.Put(format + parsed.tailBegin, parsed.tailLength);
     return true;
 }
 
-void RenderDump(std::string& out, const unsigned char* bytes, uint32_t kept, uint64_t total) {
+void RenderDump(TextOut& out, const unsigned char* bytes, uint32_t kept, uint64_t total) {
     if (kept != 0) {
-        const size_t start = out.size();
-        out.resize(start + 5 * static_cast<size_t>(kept) - 1);
-        char* p = &out[start];
+        std::string& text = out.Text();
+        const size_t start = text.size();
+        text.resize(start + 5 * static_cast<size_t>(kept) - 1);
+        char* p = &text[start];
         std::memcpy(p, StringUtils::ByteToHexString(bytes[0]), 4);
         p += 4;
         for (uint32_t i = 1; i < kept; ++i) {
@@ -284,9 +336,9 @@ void RenderDump(std::string& out, const unsigned char* bytes, uint32_t kept, uin
         }
     }
     if (total > kept) {
-        out.append(" (");
+        out.Put(" (", 2);
         AppendUnsigned(out, total - kept);
-        out.append(" bytes left out)");
+        out.Put(" bytes left out)");
     }
 }
 
@@ -515,10 +567,11 @@ void LogCapture::CopyTo(unsigned char* out) const noexcept {
 // ---------------------------------------------------------------------------
 // Rendering
 
-void LogCapture::Render(std::string& out, const unsigned char* data, size_t size) {
+void LogCapture::Render(std::string& text, const unsigned char* data, size_t size) {
+    TextOut out(text);
     const unsigned char* p = data;
     const unsigned char* const end = data + size;
-    size_t previousStart = out.size();
+    size_t previousStart = out.Size();
     bool joinPending = false;
     size_t joinAt = 0;
     bool beforeJoin = false;
@@ -526,18 +579,18 @@ void LogCapture::Render(std::string& out, const unsigned char* data, size_t size
         const unsigned char kind = *p++;
         if (kind == kJoin) {
             joinPending = true;
-            joinAt = out.size();
-            beforeJoin = out.size() > previousStart;
+            joinAt = out.Size();
+            beforeJoin = out.Size() > previousStart;
             continue;
         }
-        const size_t start = out.size();
+        const size_t start = out.Size();
         switch (kind) {
         case kLiteral:
-            out.append(ReadValue<const char*>(p));
+            out.Put(ReadValue<const char*>(p));
             break;
         case kText: {
             const uint32_t length = ReadValue<uint32_t>(p);
-            out.append(reinterpret_cast<const char*>(p), length);
+            out.Put(reinterpret_cast<const char*>(p), length);
             p += length;
             break;
         }
@@ -571,8 +624,8 @@ void LogCapture::Render(std::string& out, const unsigned char* data, size_t size
         }
         size_t partStart = start;
         if (joinPending) {
-            if (beforeJoin && out.size() > start) {
-                out.insert(joinAt, ", ");
+            if (beforeJoin && out.Size() > start) {
+                out.Text().insert(joinAt, ", ");
                 partStart += 2;
             }
             joinPending = false;

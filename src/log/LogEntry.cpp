@@ -120,22 +120,68 @@ namespace {
 
 constexpr size_t kHeaderCapacity = 102; // the header never exceeds 102 characters
 
+struct DigitPairs {
+    char text[200];
+};
+
+constexpr DigitPairs BuildDigitPairs() {
+    DigitPairs t{};
+    for (int i = 0; i < 100; ++i) {
+        t.text[2 * i] = static_cast<char>('0' + i / 10);
+        t.text[2 * i + 1] = static_cast<char>('0' + i % 10);
+    }
+    return t;
+}
+
+constexpr DigitPairs kDigitPairs = BuildDigitPairs();
+
 // Writes the decimal digits of value, zero-padded on the left to minWidth, at
-// out; returns the position after the last digit.
+// out; returns the position after the last digit. Two digits a step: every line
+// carries three such numbers.
 char* PutUnsigned(char* out, uint32_t value, int minWidth) {
     char digits[10];
-    int n = 0;
-    do {
-        digits[n++] = static_cast<char>('0' + value % 10);
-        value /= 10;
-    } while (value != 0);
+    char* const end = digits + sizeof(digits);
+    char* p = end;
+    while (value >= 100) {
+        const uint32_t pair = value % 100;
+        value /= 100;
+        p -= 2;
+        std::memcpy(p, kDigitPairs.text + 2 * pair, 2);
+    }
+    if (value >= 10) {
+        p -= 2;
+        std::memcpy(p, kDigitPairs.text + 2 * value, 2);
+    } else {
+        *--p = static_cast<char>('0' + value);
+    }
+    const int n = static_cast<int>(end - p);
     for (int i = n; i < minWidth; ++i) {
         *out++ = '0';
     }
-    while (n > 0) {
-        *out++ = digits[--n];
+    std::memcpy(out, p, static_cast<size_t>(n));
+    return out + n;
+}
+
+// The ids of one entry are nearly always those of the entry before: the worker
+// keeps the last text of each (trivially destructible, like the time cache below).
+struct IdText {
+    uint32_t value;
+    bool valid;
+    uint8_t length;
+    char text[12];
+};
+
+thread_local IdText t_lastPid{0, false, 0, {}};
+thread_local IdText t_lastTid{0, false, 0, {}};
+
+char* PutId(char* out, uint32_t value, IdText& cache) {
+    if (!cache.valid || cache.value != value) {
+        cache.length = static_cast<uint8_t>(PutUnsigned(cache.text, value, 5) - cache.text);
+        cache.value = value;
+        cache.valid = true;
     }
-    return out;
+    std::memcpy(out, cache.text, cache.length);
+    return out + cache.length;
 }
 
 // The worker formats every entry; breaking the same second into local time again
@@ -192,9 +238,9 @@ LogEntry& LogEntry::FormatMessage() {
     *p++ = ' ';
     p = std::copy_n(m_category.data(), std::min<size_t>(m_category.size(), 3), p);
     *p++ = ' ';
-    p = PutUnsigned(p, m_pid, 5);
+    p = PutId(p, m_pid, t_lastPid);
     *p++ = ':';
-    p = PutUnsigned(p, m_tid, 5);
+    p = PutId(p, m_tid, t_lastTid);
     *p++ = ' ';
     *p++ = m_levelChar;
     *p++ = ']';
