@@ -159,6 +159,7 @@ bool Log::StartLazily(bool answer) {
 
 void Log::Enqueue(std::unique_ptr<LogEntry> entry) {
     ReturnedBlock* returned = nullptr;
+    bool wake = false;
     try {
         {
             LockGuard lock(m_queueMutex);
@@ -167,6 +168,7 @@ void Log::Enqueue(std::unique_ptr<LogEntry> entry) {
                 return; // the entry is destroyed after the mutex is released
             }
             m_queue.push_back(std::move(entry));
+            wake = m_workerWaiting;
             for (int i = 0; i < 2 && m_returned != nullptr; ++i) {
                 ReturnedBlock* block = m_returned;
                 m_returned = block->next;
@@ -176,7 +178,11 @@ void Log::Enqueue(std::unique_ptr<LogEntry> entry) {
                                       std::memory_order_relaxed);
             }
         }
-        m_queueCond.notify_one();
+        // A worker that is not waiting finds the entry when it next looks at the
+        // queue (under the mutex), so only a waiting one needs the signal.
+        if (wake) {
+            m_queueCond.notify_one();
+        }
     } catch (...) {
         // Logging never throws on the caller's path; an entry that finds no room
         // in the queue is lost.
@@ -347,7 +353,9 @@ void Log::ThreadFunc() {
                 continue;
             }
             m_drainedCond.notify_all();
+            m_workerWaiting = true;
             m_queueCond.wait(lock, [this] { return m_stop || !m_queue.empty(); });
+            m_workerWaiting = false;
             if (m_stop) {
                 break;
             }

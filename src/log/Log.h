@@ -120,6 +120,8 @@ private:
     // True while the worker delivers an entry it has taken off the queue: a flush
     // must not report an empty queue while the last line is still being written.
     bool m_delivering = false;
+    // True while the worker waits for entries (guarded by m_queueMutex).
+    bool m_workerWaiting = false;
     // The memory of delivered entries on its way back: the worker leaves it here
     // and a producer frees it, at most two blocks a call, after it has queued its
     // own entry. Freeing then lands in the producing thread's allocator cache, where
