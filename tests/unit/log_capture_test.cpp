@@ -88,7 +88,7 @@ TEST(LogCaptureText, StringsNullOnesAndUnterminatedOnesWithAPrecision) {
     EXPECT_AS_PRINTF("'%s' '%s' '%.3s' '%10s'", "", null, null, null);
     // Only as many bytes as the precision allows are read (the sanitizers watch).
     const char exact[2] = {'o', 'k'};
-    EXPECT_AS_PRINTF("%.2s|%.*s", exact, 2, exact);
+    EXPECT_AS_PRINTF("%.2s|%.*s|%.0s|%.*s", exact, 2, exact, exact, 0, exact);
 }
 
 TEST(LogCaptureText, ACharacterZeroEndsThePartLikeACString) {
