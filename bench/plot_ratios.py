@@ -54,15 +54,16 @@ def device_target(op, level):
     return 3.0
 
 
-def device_rows(runs):
+def device_rows(runs, clock="real_time"):
+    """Ratio of medians against the raw call; real_time (wall) or cpu_time."""
     rows = []
     for op, label, suffix in DEVICE_OPS:
         raw = runs.get("Raw_" + op + suffix)
         for level, level_name in LEVELS:
             ddi = runs.get("Ddi_%s/log:%d%s" % (op, level, suffix))
             value = None
-            if raw and ddi and raw["real_time"] > 0:
-                value = ddi["real_time"] / raw["real_time"]
+            if raw and ddi and raw[clock] > 0:
+                value = ddi[clock] / raw[clock]
             rows.append(("%s, %s" % (label, level_name), value, device_target(op, level)))
     return rows
 
@@ -79,6 +80,7 @@ def log_rows(runs):
     filtered = runs.get("BM_TracedCall_LogFilteredOut")
     rows = [
         ("filtered-out traced call", filtered["real_time"] if filtered else None, 10.0, -1, "ns"),
+        ("  the same, CPU time", filtered["cpu_time"] if filtered else None, 10.0, -1, "ns"),
         ("  its heap allocations", filtered.get("allocs_per_call") if filtered else None, 0.0, -1, ""),
     ]
     for p in (1, 2):
@@ -107,7 +109,7 @@ def share_of_target(value, target, direction):
     if value is None:
         return None
     if target == 0:
-        return 1.0 if value > 0 else 0.5  # a count that must be zero
+        return 1.0 + value if value > 0 else 0.5  # a count that must be zero
     if direction < 0:
         return value / target
     return target / value if value > 0 else float("inf")
@@ -149,26 +151,30 @@ def main():
         log_before = log_rows(load(args.before[1])[0])
 
     if args.markdown:
-        print("| Figure | before | after | target | |")
-        print("|---|---|---|---|---|")
+        cpu_after = device_rows(after_dev, "cpu_time")
+        cpu_before = device_rows(load(args.before[0])[0], "cpu_time") if args.before else None
+        print("| Figure | before | after | target | | CPU time: before | after |")
+        print("|---|---|---|---|---|---|---|")
         for i, (label, value, target) in enumerate(dev_after):
             before = dev_before[i][1] if dev_before else None
-            print("| %s, x raw | %s | %s | %s | %s |" % (
+            print("| %s, x raw | %s | %s | %s | %s | %s | %s |" % (
                 label, fmt(before, "x"), fmt(value, "x"),
-                "<= %.2f" % target if target else "-", met(value, target, -1)))
+                "<= %.2f" % target if target else "-", met(value, target, -1),
+                fmt(cpu_before[i][1] if cpu_before else None, "x"), fmt(cpu_after[i][1], "x")))
         for i, (label, value, target, direction, unit) in enumerate(log_after):
             before = log_before[i][1] if log_before else None
             sign = "<=" if direction < 0 else ">="
-            print("| %s | %s | %s | %s %s | %s |" % (
+            print("| %s | %s | %s | %s %s | %s | | |" % (
                 label.strip(), fmt(before, unit), fmt(value, unit), sign,
                 fmt(target, unit), met(value, target, direction)))
         loads = [c.get("load_avg") for c in (ctx, ctx_log)]
-        print("\nLoad average at the start of the runs: device %s, log %s" % tuple(
+        print("\nLoad average at the start of the runs: device %s; log %s" % tuple(
             ", ".join("%.2f" % x for x in l) if l else "-" for l in loads))
 
     import matplotlib
     matplotlib.use("Agg")
     import matplotlib.pyplot as plt
+    import matplotlib.ticker
 
     fig, (ax1, ax2) = plt.subplots(2, 1, figsize=(10, 11), gridspec_kw={"height_ratios": [15, 11]})
     bar = 0.38
@@ -188,6 +194,11 @@ def main():
         ax.set_yticks(ys)
         ax.set_yticklabels(labels, fontsize=8)
         ax.set_xscale("log")
+        ax.xaxis.set_major_formatter(matplotlib.ticker.FormatStrFormatter("%g"))
+        ax.xaxis.set_minor_formatter(matplotlib.ticker.NullFormatter())
+        largest = max([x for x in list(afters) + list(befores) + list(targets) if x] + [1.0])
+        ax.set_xlim(0.4, largest * 1.35)
+        ax.set_xticks([t for t in (0.5, 1, 1.5, 2, 3, 5, 10, 20, 50, 100, 200) if t <= largest * 1.35])
         ax.set_xlabel(xlabel, fontsize=8)
         ax.set_title(title, fontsize=10)
         ax.grid(axis="x", which="both", alpha=0.25)

@@ -92,8 +92,8 @@ private:
     void Enqueue(std::unique_ptr<LogEntry> entry);
     struct ReturnedBlock;
     static void FreeBlocks(ReturnedBlock* blocks) noexcept;
-    // Counts one entry that overload keeps out; false when the log stopped
-    // dropping meanwhile and the entry must be queued after all.
+    // While the log drops, counts the caller's entry before it is even captured
+    // and returns true; false means the entry is to be made and queued.
     bool CountIfDropping();
     void NotifyListeners(const LogEntry& entry);
     void ThreadFunc();
