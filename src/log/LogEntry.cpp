@@ -76,6 +76,33 @@ LogEntry::LogEntry(const char* category, Level level, uint16_t depth, size_t cap
       m_message(),
       m_captureSize(captureSize) {}
 
+LogEntry::LogEntry(const LogEntry& other)
+    : m_formattedMessage(other.m_formattedMessage),
+      m_levelChar(other.m_levelChar),
+      m_category(other.m_category),
+      m_level(other.m_level),
+      m_pid(other.m_pid),
+      m_tid(other.m_tid),
+      m_time(other.m_time),
+      m_depth(other.m_depth),
+      m_message(other.m_message) {}
+
+LogEntry& LogEntry::operator=(const LogEntry& other) {
+    if (this != &other) {
+        m_formattedMessage = other.m_formattedMessage;
+        m_levelChar = other.m_levelChar;
+        m_category = other.m_category;
+        m_level = other.m_level;
+        m_pid = other.m_pid;
+        m_tid = other.m_tid;
+        m_time = other.m_time;
+        m_depth = other.m_depth;
+        m_message = other.m_message;
+        m_captureSize = 0;
+    }
+    return *this;
+}
+
 LogEntry* LogEntry::Create(const char* category, Level level, uint16_t depth,
                            const LogCapture& message, const TimePoint* time) noexcept {
     if (!message.Ok()) {

@@ -22,8 +22,10 @@ public:
     enum Level : int32_t { Error = 0, Warning = 1, Info = 2, Debug = 3, Trace = 4 };
 
     LogEntry(const char* category, Level level, uint16_t depth, std::string message);
-    LogEntry(const LogEntry&) = delete;
-    LogEntry& operator=(const LogEntry&) = delete;
+    // A copy holds the texts only, never the captured bytes behind the original:
+    // sinks copy entries after the worker has formatted them.
+    LogEntry(const LogEntry& other);
+    LogEntry& operator=(const LogEntry& other);
 
     // An entry whose message is the capture's; null when memory ran out. The time
     // is now, or the given one when the caller has just read the clock itself.
