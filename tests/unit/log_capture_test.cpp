@@ -42,7 +42,8 @@ TEST(LogCapture, RenderedLaterReadsAsPrintfNow) {
              Both("%f %.2e %g %Lf %a %5.1f%%", 3.14159, 12345.678, 1e20, 1.5L, 1.0, 99.5),
              Both("%p %p %18p|%-8s|%8.3s", static_cast<void*>(nullptr), reinterpret_cast<void*>(0x1234),
                   reinterpret_cast<void*>(0xdeadbeef), "left", "precision"),
-             Both("'%s' '%.3s' '%.6s' '%10s'|%.2s|%.*s|%.0s|%.*s", null, null, null, null, two, 2, two, two, -1, "all"),
+             Both("'%s' '%.3s' '%.6s' '%10s'|%.2s|%.*s|%.0s|%.*s|%*.*s", null, null, null, null, two, 2, two, two, -1, "all",
+                  0, 3, "abcdef"),
              Both("a%cb|%3c|%d", 0, 0, 5), Both("%ls", L"wide"), Both("%2$s %1$s", "world", "hello"), Both("%m"),
              Both("%d %d %d %d %d %d %d %d %d %d %d %d %d", 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13)}) {
         EXPECT_EQ(t.rendered, t.printed) << t.format;
