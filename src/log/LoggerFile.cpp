@@ -70,11 +70,11 @@ void LoggerFile::WriteLineLocked(const std::string& line) {
     int count = 2;
     while (count > 0) {
         const ssize_t n = ::writev(m_file, part, count);
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return; // write errors are ignored
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return; // write errors are ignored; a file that takes nothing would spin
         }
         // A short write: go on after what was written.
         size_t written = static_cast<size_t>(n);

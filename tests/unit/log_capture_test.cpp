@@ -32,7 +32,6 @@ Texts Both(const char* format, ...) {
 
 TEST(LogCapture, RenderedLaterReadsAsPrintfNow) {
     static const char* volatile null = nullptr; // unseen by the compiler's format checks
-    const char two[2] = {'o', 'k'};            // unterminated: only the precision may be read
     errno = ENOENT;
     for (const Texts& t : {Both("%d %i %u %x %X %o|%d|%u|%c", -42, INT_MIN, UINT_MAX, 0xBEEFu, 0xBEEFu, 8u, 0, 0u, 'c'),
              Both("%ld %lu %lld %llu %zu %zd %lX %hd %hhu", LONG_MIN, ULONG_MAX, LLONG_MIN, ULLONG_MAX, SIZE_MAX,
@@ -42,8 +41,7 @@ TEST(LogCapture, RenderedLaterReadsAsPrintfNow) {
              Both("%f %.2e %g %Lf %a %5.1f%%", 3.14159, 12345.678, 1e20, 1.5L, 1.0, 99.5),
              Both("%p %p %18p|%-8s|%8.3s", static_cast<void*>(nullptr), reinterpret_cast<void*>(0x1234),
                   reinterpret_cast<void*>(0xdeadbeef), "left", "precision"),
-             Both("'%s' '%.3s' '%.6s' '%10s'|%.2s|%.*s|%.0s|%.*s|%*.*s", null, null, null, null, two, 2, two, two, -1, "all",
-                  0, 3, "abcdef"),
+             Both("'%s' '%.3s' '%.6s' '%10s'|%.*s|%*.*s", null, null, null, null, -1, "all", 0, 3, "abcdef"),
              Both("a%cb|%3c|%d", 0, 0, 5), Both("%ls", L"wide"), Both("%2$s %1$s", "world", "hello"), Both("%m"),
              Both("%d %d %d %d %d %d %d %d %d %d %d %d %d", 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13)}) {
         EXPECT_EQ(t.rendered, t.printed) << t.format;
@@ -61,14 +59,15 @@ TEST(LogCapture, TextsAndDumpsAreTheCallersAsTheyWereAndADumpKeepsTheLimit) {
         std::vector<unsigned char> bytes(size);
         for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<unsigned char>(i * 7 + 10);
         char text[] = "before";
+        const char two[2] = {'o', 'k'}; // unterminated: only the precision may be read
         {
             kt::LogFn fn(log, "DDI", "f");
-            fn.LogDumpMessage(LogEntry::Debug, bytes.data(), size, "[%s|%.3s] ", text, text);
+            fn.LogDumpMessage(LogEntry::Debug, bytes.data(), size, "[%s|%.3s|%.2s|%.0s] ", text, text, two, two);
             std::fill(bytes.begin(), bytes.end(), 0xFF), std::strcpy(text, "AFTER"); // the entry has its own copy
         }
         const size_t kept = std::min<size_t>(size, LogCapture::kDumpLimit);
         for (size_t i = 0; i < kept; ++i) bytes[i] = static_cast<unsigned char>(i * 7 + 10);
-        expected.push_back("f: [before|bef] " + kt::StringUtils::ByteArrayToHexString(bytes.data(), kept, ",") +
+        expected.push_back("f: [before|bef|ok|] " + kt::StringUtils::ByteArrayToHexString(bytes.data(), kept, ",") +
                            (size > kept ? " (" + std::to_string(size - kept) + " bytes left out)" : ""));
         LogCapture capture;
         capture.AddDump(bytes.data(), size);
