@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <fcntl.h>
-#include <sys/uio.h>
 #include <unistd.h>
 #include <utility>
 
@@ -53,40 +52,12 @@ LoggerFile::~LoggerFile() {
 void LoggerFile::OnLogEntryAdded(const LogEntry& entry) {
     try {
         std::lock_guard<std::mutex> lock(m_fileMutex);
-        // Line and line feed leave in a single system call, without a copy.
-        WriteLineLocked(entry.m_formattedMessage);
+        // One reused buffer: after the first lines an entry costs no allocation,
+        // and line and line feed leave in a single write().
+        m_line.assign(entry.m_formattedMessage);
+        m_line += '\n';
+        WriteLocked(m_line);
     } catch (...) {
-    }
-}
-
-void LoggerFile::WriteLineLocked(const std::string& line) {
-    if (m_file < 0) {
-        return;
-    }
-    static const char kLineFeed = '\n';
-    struct iovec parts[2] = {{const_cast<char*>(line.data()), line.size()},
-                             {const_cast<char*>(&kLineFeed), 1}};
-    struct iovec* part = parts;
-    int count = 2;
-    while (count > 0) {
-        const ssize_t n = ::writev(m_file, part, count);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return; // write errors are ignored; a file that takes nothing would spin
-        }
-        // A short write: go on after what was written.
-        size_t written = static_cast<size_t>(n);
-        while (count > 0 && written >= part->iov_len) {
-            written -= part->iov_len;
-            ++part;
-            --count;
-        }
-        if (count > 0) {
-            part->iov_base = static_cast<char*>(part->iov_base) + written;
-            part->iov_len -= written;
-        }
     }
 }
 

@@ -23,16 +23,16 @@ public:
 private:
     void Write(const std::string& text);
     void WriteLocked(const std::string& text);
-    void WriteLineLocked(const std::string& line);
     void Close();
 
     // A plain descriptor rather than a stream: it can be opened close-on-exec, so
     // programs that the host starts never inherit the log, and each line costs
-    // exactly one system call with nothing left in a user-space buffer.
+    // exactly one write() with nothing left in a user-space buffer.
     int m_file = -1;
     // The worker writes entries while the owner writes the footer; after a flush
     // that timed out on a slow disk both may still be busy at once.
     std::mutex m_fileMutex;
+    std::string m_line;
     std::shared_ptr<ILogListener> m_selfListener;
 };
 
