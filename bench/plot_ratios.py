@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """Draws the ratio chart of docs/performance.md from the benchmarks' JSON output.
 
-    bench_device_io --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \\
+    bench_device_io --benchmark_repetitions=9 --benchmark_enable_random_interleaving=true \\
+        --benchmark_report_aggregates_only=true \\
         --benchmark_out=docs/bench/device-after.json --benchmark_out_format=json
     bench_log --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \\
         --benchmark_out=docs/bench/log-after.json --benchmark_out_format=json

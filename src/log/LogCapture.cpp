@@ -155,18 +155,18 @@ void AppendHex(TextOut& out, unsigned long long value, bool upper, bool prefix,
 // false when the text it produced holds a NUL (only "%c" can), after appending
 // what came before it: the rest of the part is then cut, as a C string would be.
 template <class T>
-bool AppendFormatted(TextOut& out, const char* spec, int stars, const int* star, T value) {
+bool AppendFormatted(TextOut& out, const char* conversion, int stars, const int* star, T value) {
     char buffer[256];
     int n = -1;
     switch (stars) {
     case 0:
-        n = std::snprintf(buffer, sizeof(buffer), spec, value);
+        n = std::snprintf(buffer, sizeof(buffer), conversion, value);
         break;
     case 1:
-        n = std::snprintf(buffer, sizeof(buffer), spec, star[0], value);
+        n = std::snprintf(buffer, sizeof(buffer), conversion, star[0], value);
         break;
     default:
-        n = std::snprintf(buffer, sizeof(buffer), spec, star[0], star[1], value);
+        n = std::snprintf(buffer, sizeof(buffer), conversion, star[0], star[1], value);
         break;
     }
     if (n < 0) {
@@ -178,13 +178,13 @@ bool AppendFormatted(TextOut& out, const char* spec, int stars, const int* star,
         large.resize(static_cast<size_t>(n) + 1);
         switch (stars) {
         case 0:
-            std::snprintf(&large[0], large.size(), spec, value);
+            std::snprintf(&large[0], large.size(), conversion, value);
             break;
         case 1:
-            std::snprintf(&large[0], large.size(), spec, star[0], value);
+            std::snprintf(&large[0], large.size(), conversion, star[0], value);
             break;
         default:
-            std::snprintf(&large[0], large.size(), spec, star[0], star[1], value);
+            std::snprintf(&large[0], large.size(), conversion, star[0], star[1], value);
             break;
         }
         text = large.data();
@@ -284,28 +284,28 @@ bool RenderFormat(TextOut& out, const LogFormat& parsed, const unsigned char* ar
             }
             break;
         case LogFormat::kLibrary: {
-            char spec[LogFormat::kMaxSpecLength + 1];
-            std::memcpy(spec, format + c.specBegin, c.specLength);
-            spec[c.specLength] = '\0';
+            char conversion[LogFormat::kMaxConversionLength + 1];
+            std::memcpy(conversion, format + c.conversionBegin, c.conversionLength);
+            conversion[c.conversionLength] = '\0';
             bool whole = true;
             switch (c.arg) {
             case LogFormat::kInt:
-                whole = AppendFormatted(out, spec, c.stars, star, static_cast<int>(integer));
+                whole = AppendFormatted(out, conversion, c.stars, star, static_cast<int>(integer));
                 break;
             case LogFormat::kWide:
-                whole = AppendFormatted(out, spec, c.stars, star, integer);
+                whole = AppendFormatted(out, conversion, c.stars, star, integer);
                 break;
             case LogFormat::kDouble:
-                whole = AppendFormatted(out, spec, c.stars, star, real);
+                whole = AppendFormatted(out, conversion, c.stars, star, real);
                 break;
             case LogFormat::kLongDouble:
-                whole = AppendFormatted(out, spec, c.stars, star, longReal);
+                whole = AppendFormatted(out, conversion, c.stars, star, longReal);
                 break;
             case LogFormat::kPointer:
-                whole = AppendFormatted(out, spec, c.stars, star, pointer);
+                whole = AppendFormatted(out, conversion, c.stars, star, pointer);
                 break;
             case LogFormat::kString:
-                whole = AppendFormatted(out, spec, c.stars, star, text);
+                whole = AppendFormatted(out, conversion, c.stars, star, text);
                 break;
             case LogFormat::kNoArg:
                 break;

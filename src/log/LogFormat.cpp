@@ -121,11 +121,11 @@ const char* ParseConversion(const char* format, const char* p, LogFormat::Conver
         return nullptr;
     }
     ++p;
-    if (static_cast<size_t>(p - begin) > LogFormat::kMaxSpecLength) {
+    if (static_cast<size_t>(p - begin) > LogFormat::kMaxConversionLength) {
         return nullptr;
     }
-    c.specBegin = static_cast<uint16_t>(begin - format);
-    c.specLength = static_cast<uint8_t>(p - begin);
+    c.conversionBegin = static_cast<uint16_t>(begin - format);
+    c.conversionLength = static_cast<uint8_t>(p - begin);
     // Anything but the plain form goes through the C library, and so does a
     // length that printf narrows the value for (h, hh).
     const bool narrowed = length == Length::kShort || length == Length::kChar;

@@ -41,8 +41,8 @@ struct LogFormat {
     struct Conversion {
         uint16_t literalBegin;  // the literal text before the conversion
         uint16_t literalLength;
-        uint16_t specBegin;     // the conversion itself, from '%' to its letter
-        uint8_t specLength;
+        uint16_t conversionBegin; // the conversion itself, from '%' to its letter
+        uint8_t conversionLength;
         Arg arg;
         Print print;
         uint8_t stars;          // '*' arguments (width, precision) before the value
@@ -52,7 +52,7 @@ struct LogFormat {
     };
 
     static constexpr size_t kMaxConversions = 12;
-    static constexpr size_t kMaxSpecLength = 48;
+    static constexpr size_t kMaxConversionLength = 48;
 
     // Parses format into out. False for what cannot be deferred: positional
     // arguments, wide characters, "%m" (errno of the moment), "%n", conversions
