@@ -26,6 +26,8 @@ thread_local uint16_t t_depth = 0;
 // again for about a microsecond before it blocks.
 constexpr int kLockSpins = 64;
 
+constexpr size_t kReleaseBatch = 32;
+
 template <class Lockable>
 void LockSpinning(Lockable& lockable) {
     for (int i = 0; i < kLockSpins; ++i) {
@@ -157,7 +159,7 @@ bool Log::StartLazily(bool answer) {
     return answer;
 }
 
-void Log::Enqueue(std::unique_ptr<LogEntry> entry) {
+void Log::Enqueue(EntryPtr entry) {
     ReturnedBlock* returned = nullptr;
     bool wake = false;
     try {
@@ -216,7 +218,7 @@ bool Log::CountIfDropping() {
 
 void Log::AddEntry(const char* category, LogEntry::Level level, std::string message) {
     try {
-        std::unique_ptr<LogEntry> entry(
+        EntryPtr entry(
             new (std::nothrow) LogEntry(category, level, GetThreadDepth(), std::move(message)));
         if (!entry) {
             return;
@@ -233,8 +235,7 @@ void Log::AddEntry(const char* category, LogEntry::Level level, const LogCapture
     if (CountIfDropping()) {
         return;
     }
-    std::unique_ptr<LogEntry> entry(
-        LogEntry::Create(category, level, GetThreadDepth(), message, time));
+    EntryPtr entry(LogEntry::Create(category, level, GetThreadDepth(), message, time, &m_pool));
     if (entry) {
         Enqueue(std::move(entry));
     }
@@ -327,8 +328,7 @@ void Log::QueueOverloadReport(const TimePoint& overloadStart) {
         std::string text = "Too many messages in log queue, " + std::to_string(m_droppedCount) +
                            " new messages dropped during " + std::to_string(elapsedUs) +
                            "us while processing the queue";
-        std::unique_ptr<LogEntry> report(
-            new (std::nothrow) LogEntry("***", LogEntry::Warning, 0, std::move(text)));
+        EntryPtr report(new (std::nothrow) LogEntry("***", LogEntry::Warning, 0, std::move(text)));
         if (report) {
             m_queue.push_back(std::move(report));
         }
@@ -346,12 +346,25 @@ void Log::ThreadFunc() {
     std::unique_lock<std::mutex> lock(m_queueMutex, std::defer_lock);
     LockSpinning(lock);
     TimePoint overloadStart = Now();
+    // Delivered entries' slots go back to the pool in batches, so that the worker
+    // takes the pool's mutex once for many entries instead of once for each.
+    LogEntryPool::Slot* batchFirst = nullptr;
+    LogEntryPool::Slot* batchLast = nullptr;
+    size_t batchSize = 0;
+    const auto releaseBatch = [&] {
+        if (batchFirst != nullptr) {
+            m_pool.Release(batchFirst, batchLast);
+            batchFirst = batchLast = nullptr;
+            batchSize = 0;
+        }
+    };
     while (!m_stop) {
         if (m_queue.empty()) {
             if (m_dropping) {
                 QueueOverloadReport(overloadStart);
                 continue;
             }
+            releaseBatch();
             m_drainedCond.notify_all();
             m_workerWaiting = true;
             m_queueCond.wait(lock, [this] { return m_stop || !m_queue.empty(); });
@@ -360,7 +373,7 @@ void Log::ThreadFunc() {
                 break;
             }
         }
-        std::unique_ptr<LogEntry> entry = std::move(m_queue.front());
+        EntryPtr entry = std::move(m_queue.front());
         m_queue.pop_front();
         if (m_queue.size() > kOverloadThreshold) {
             m_dropping = true;
@@ -386,13 +399,30 @@ void Log::ThreadFunc() {
         if (captured) {
             spareMessage = std::move(entry->m_message);
         }
-        LogEntry* delivered = entry.release();
-        delivered->~LogEntry();
-        ReturnedBlock* block = new (static_cast<void*>(delivered)) ReturnedBlock{nullptr};
-        if (m_returnedCount.load(std::memory_order_relaxed) >= kMaxReturned) {
-            // Producers have not been back for a long while: free it here.
-            std::free(block);
-            block = nullptr;
+        if (entry->Pool() == &m_pool) {
+            LogEntry* delivered = entry.release();
+            delivered->~LogEntry();
+            auto* slot = reinterpret_cast<LogEntryPool::Slot*>(delivered);
+            slot->next = batchFirst;
+            batchFirst = slot;
+            if (batchLast == nullptr) {
+                batchLast = slot;
+            }
+            if (++batchSize == kReleaseBatch) {
+                releaseBatch();
+            }
+        }
+        // Memory of the C allocator goes back to the producers (see m_returned).
+        ReturnedBlock* block = nullptr;
+        if (entry) {
+            LogEntry* delivered = entry.release();
+            delivered->~LogEntry();
+            block = new (static_cast<void*>(delivered)) ReturnedBlock{nullptr};
+            if (m_returnedCount.load(std::memory_order_relaxed) >= kMaxReturned) {
+                // Producers have not been back for a long while: free it here.
+                std::free(block);
+                block = nullptr;
+            }
         }
         LockSpinning(lock);
         m_delivering = false;
@@ -404,6 +434,7 @@ void Log::ThreadFunc() {
         }
     }
     lock.unlock();
+    releaseBatch();
     m_drainedCond.notify_all();
 }
 
@@ -414,7 +445,7 @@ uint64_t Log::Flush(uint64_t timeLimitMs) {
     if (!WillBeLogged(m_level)) {
         return 0;
     }
-    std::deque<std::unique_ptr<LogEntry>> discarded;
+    std::deque<EntryPtr> discarded;
     uint64_t count = 0;
     {
         std::unique_lock<std::mutex> lock(m_queueMutex);

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "log/LogEntry.h"
+#include "log/LogEntryPool.h"
 
 namespace kt {
 
@@ -88,8 +89,9 @@ public:
 
 private:
     bool StartLazily(bool answer);
+    using EntryPtr = std::unique_ptr<LogEntry, LogEntry::Deleter>;
     // Appends the entry, or counts and destroys it while the log drops.
-    void Enqueue(std::unique_ptr<LogEntry> entry);
+    void Enqueue(EntryPtr entry);
     struct ReturnedBlock;
     static void FreeBlocks(ReturnedBlock* blocks) noexcept;
     // While the log drops, counts the caller's entry before it is even captured
@@ -104,7 +106,10 @@ private:
     std::vector<std::weak_ptr<ILogListener>> m_listeners;
     std::mutex m_listenersMutex;
     std::atomic<bool> m_hasListeners{false};
-    std::deque<std::unique_ptr<LogEntry>> m_queue;
+    // Declared before the queue, so that entries still queued when the log is
+    // destroyed give their memory back before the pool frees it.
+    LogEntryPool m_pool;
+    std::deque<EntryPtr> m_queue;
     std::mutex m_queueMutex;
     std::condition_variable m_queueCond;
     std::condition_variable m_drainedCond;
@@ -122,12 +127,13 @@ private:
     bool m_delivering = false;
     // True while the worker waits for entries (guarded by m_queueMutex).
     bool m_workerWaiting = false;
-    // The memory of delivered entries on its way back: the worker leaves it here
-    // and a producer frees it, at most two blocks a call, after it has queued its
-    // own entry. Freeing then lands in the producing thread's allocator cache, where
-    // its next entry is allocated, and the worker never contends with producers
-    // for the allocator's locks. Guarded by m_queueMutex; the count is also read
-    // without it, as a hint.
+
+    // The memory of delivered entries that the pool did not hold (long ones) on its
+    // way back: the worker leaves it here and a producer frees it, at most two
+    // blocks a call, after it has queued its own entry. Freeing then lands in the
+    // producing thread's allocator cache, where its next long entry is allocated,
+    // and the worker never contends with producers for the allocator's locks.
+    // Guarded by m_queueMutex; the count is also read without it, as a hint.
     struct ReturnedBlock {
         ReturnedBlock* next;
     };

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "log/LogCapture.h"
+#include "log/LogEntryPool.h"
 
 namespace kt {
 
@@ -104,28 +105,49 @@ LogEntry& LogEntry::operator=(const LogEntry& other) {
 }
 
 LogEntry* LogEntry::Create(const char* category, Level level, uint16_t depth,
-                           const LogCapture& message, const TimePoint* time) noexcept {
+                           const LogCapture& message, const TimePoint* time,
+                           LogEntryPool* pool) noexcept {
     if (!message.Ok()) {
         return nullptr;
     }
     const size_t captureSize = message.Size();
-    // Sizes rounded to 64 bytes fall into few allocator size classes, so the
-    // memory that producers free after the worker returned it is found again by
-    // their next entries.
-    const size_t blockSize = (sizeof(LogEntry) + captureSize + 63) & ~static_cast<size_t>(63);
-    void* memory = std::malloc(blockSize);
+    const size_t size = sizeof(LogEntry) + captureSize;
+    void* memory = pool != nullptr ? pool->Allocate(size) : nullptr;
     if (memory == nullptr) {
-        return nullptr;
+        pool = nullptr;
+        memory = std::malloc(size);
+        if (memory == nullptr) {
+            return nullptr;
+        }
     }
     LogEntry* entry = nullptr;
     try {
         entry = new (memory) LogEntry(category, level, depth, captureSize, time);
     } catch (...) {
-        std::free(memory); // a long category that found no memory
+        // a long category that found no memory
+        if (pool != nullptr) {
+            pool->Release(memory);
+        } else {
+            std::free(memory);
+        }
         return nullptr;
     }
+    entry->m_pool = pool;
     message.CopyTo(reinterpret_cast<unsigned char*>(entry + 1));
     return entry;
+}
+
+void LogEntry::Destroy(LogEntry* entry) noexcept {
+    if (entry == nullptr) {
+        return;
+    }
+    LogEntryPool* pool = entry->m_pool;
+    entry->~LogEntry();
+    if (pool != nullptr) {
+        pool->Release(entry);
+    } else {
+        std::free(entry);
+    }
 }
 
 void* LogEntry::operator new(std::size_t size) {

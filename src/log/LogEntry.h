@@ -10,6 +10,7 @@
 namespace kt {
 
 class LogCapture;
+class LogEntryPool;
 
 // One logged record; the worker turns it into the output line that the sinks write.
 //
@@ -29,12 +30,20 @@ public:
 
     // An entry whose message is the capture's; null when memory ran out. The time
     // is now, or the given one when the caller has just read the clock itself.
+    // The memory comes from the pool when the entry fits one of its slots.
     static LogEntry* Create(const char* category, Level level, uint16_t depth,
-                            const LogCapture& message, const TimePoint* time = nullptr) noexcept;
+                            const LogCapture& message, const TimePoint* time = nullptr,
+                            LogEntryPool* pool = nullptr) noexcept;
+    // Destroys an entry and gives its memory back where it came from.
+    static void Destroy(LogEntry* entry) noexcept;
+    struct Deleter {
+        void operator()(LogEntry* entry) const noexcept { Destroy(entry); }
+    };
 
     LogEntry& FormatMessage();
     // Whether the message is rendered from a capture by FormatMessage.
     bool IsCaptured() const noexcept { return m_captureSize != 0; }
+    const LogEntryPool* Pool() const noexcept { return m_pool; }
 
     static void* operator new(std::size_t size);
     static void* operator new(std::size_t size, const std::nothrow_t&) noexcept;
@@ -63,6 +72,8 @@ private:
     // Bytes of the captured message behind the object; 0 for an entry made with
     // its text.
     size_t m_captureSize = 0;
+    // The pool that owns the entry's memory; null for the C allocator.
+    LogEntryPool* m_pool = nullptr;
 };
 
 } // namespace kt
