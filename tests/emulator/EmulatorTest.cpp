@@ -152,12 +152,12 @@ TEST_F(Emulator, StateRulesRequestCodesAndAPromptStop) {
       {OP((usleep(20000), d->read(d, g_buf, 8, reinterpret_cast<uns16*>(v)))), kNone, "", 8},  // frames by now
       {OP(Status(d, v)), kNone, "", EXP_ST_COLLECT_OK_A * 10 + 1},
       {OP(d->stop_notif_thread(d)), kNone, "", 0}, {OP(d->stop_notif_thread(d)), kNone, "", 0},
-      {OP(d->ioctl(d, TAVIK_IOC_ACQ_ABORT, nullptr)), kNone, "", 0},
-      {OP(Status(d, v)), kNone, "", EXP_ST_COLLECT_DONE_I * 10 + 1},  // the last acquisition's count
       {OP(d->close(d)), kNone, "", 0}, {OP(d->open(d)), kNone, "", 0},
       {OP(d->read(d, g_buf, 8, reinterpret_cast<uns16*>(v))), kNone, "", 0},  // no frame since the open
       {OP(SetActive(d, 1000)), kNone, "", 0},  // as the close ended the acquisition
-      {OP(d->open(d)), kState, "Device already open", 0}};
+      {OP(d->open(d)), kState, "Device already open", 0},
+      {OP((usleep(20000), d->ioctl(d, TAVIK_IOC_ACQ_ABORT, nullptr))), kNone, "", 0},
+      {OP(Status(d, v)), kNone, "", EXP_ST_COLLECT_DONE_I * 10 + 1}};  // the last acquisition's count
   RunInChild([&](ChildContext&) {
     Session s;
     ASSERT_EQ(s.cams.size(), 1u);
