@@ -51,16 +51,9 @@ char LevelChar(LogEntry::Level level) {
 } // namespace
 
 LogEntry::LogEntry(const char* category, Level level, uint16_t depth, std::string message)
-    : m_formattedMessage(),
-      m_levelChar(LevelChar(level)),
-      m_category(category != nullptr && category[0] != '\0' ? category : "???"),
-      m_level(level),
-      m_pid(LogUtils::GetCurrentProcessId()),
-      m_tid(LogUtils::GetCurrentThreadId()),
-      m_time(std::chrono::time_point_cast<std::chrono::nanoseconds>(
-          std::chrono::system_clock::now())),
-      m_depth(depth),
-      m_message(std::move(message)) {}
+    : LogEntry(category, level, depth, 0, nullptr) {
+    m_message = std::move(message);
+}
 
 LogEntry::LogEntry(const char* category, Level level, uint16_t depth, size_t captureSize,
                    const TimePoint* time)

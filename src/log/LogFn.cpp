@@ -129,35 +129,34 @@ void LogFn::DoLogEnterMessage(const std::string& args) {
 }
 
 void LogFn::LogMessage(LogEntry::Level level, const char* format, ...) {
-    if (!WillBeLogged(level)) {
-        return;
-    }
-    LogCapture line;
-    BeginLine(line);
     va_list args;
     va_start(args, format);
-    const bool captured = line.AddFormat(format, args);
+    CaptureAndQueue(level, format, args, false, nullptr, 0);
     va_end(args);
-    if (captured) {
-        Queue(level, line);
-    }
 }
 
 void LogFn::LogDumpMessage(LogEntry::Level level, const unsigned char* data, unsigned long size,
                            const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    CaptureAndQueue(level, format, args, true, data, size);
+    va_end(args);
+}
+
+void LogFn::CaptureAndQueue(LogEntry::Level level, const char* format, va_list args, bool withDump,
+                            const unsigned char* data, unsigned long size) {
     if (!WillBeLogged(level)) {
         return;
     }
     LogCapture line;
     BeginLine(line);
-    va_list args;
-    va_start(args, format);
-    const bool captured = line.AddFormat(format, args);
-    va_end(args);
-    if (captured) {
-        line.AddDump(data, size);
-        Queue(level, line);
+    if (!line.AddFormat(format, args)) {
+        return;
     }
+    if (withDump) {
+        line.AddDump(data, size);
+    }
+    Queue(level, line);
 }
 
 void LogFn::DoLogMessage(LogEntry::Level level, const std::string& text) {

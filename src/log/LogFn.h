@@ -64,6 +64,9 @@ private:
     void Queue(LogEntry::Level level, const LogCapture& line,
                const TimePoint* time = nullptr) const noexcept;
     bool CaptureInto(LogCapture& target, const char* format, va_list args) noexcept;
+    // One message line, with the bytes as a dump behind it when withDump is set.
+    void CaptureAndQueue(LogEntry::Level level, const char* format, va_list args, bool withDump,
+                         const unsigned char* data, unsigned long size);
 
     TimePoint m_startTime;
     std::shared_ptr<Log> m_log;
