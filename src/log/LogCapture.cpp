@@ -438,6 +438,12 @@ bool LogCapture::AddParsed(const LogFormat& parsed, const LogFormat* shared, va_
     WriteValue(header + 1 + sizeof(const LogFormat*), parsed.format);
     va_list work;
     va_copy(work, args);
+    // A failed Grow marks the whole capture failed; nothing more is written then.
+    const auto put = [this](auto value) {
+        if (unsigned char* p = Grow(sizeof value)) {
+            WriteValue(p, value);
+        }
+    };
     for (uint8_t i = 0; i < parsed.count; ++i) {
         const LogFormat::Conversion& c = parsed.conversions[i];
         int32_t precision = c.precision;
@@ -446,44 +452,30 @@ bool LogCapture::AddParsed(const LogFormat& parsed, const LogFormat* shared, va_
             if (c.starPrecision && k + 1 == c.stars) {
                 precision = star;
             }
-            if (unsigned char* p = Grow(sizeof(int))) {
-                WriteValue(p, star);
-            }
+            put(star);
         }
         switch (c.arg) {
         case LogFormat::kNoArg:
             break;
         case LogFormat::kInt:
-            if (unsigned char* p = Grow(sizeof(int))) {
-                WriteValue(p, va_arg(work, int));
-            }
+            put(va_arg(work, int));
             break;
         case LogFormat::kWide:
-            if (unsigned char* p = Grow(sizeof(long long))) {
-                WriteValue(p, va_arg(work, long long));
-            }
+            put(va_arg(work, long long));
             break;
         case LogFormat::kDouble:
-            if (unsigned char* p = Grow(sizeof(double))) {
-                WriteValue(p, va_arg(work, double));
-            }
+            put(va_arg(work, double));
             break;
         case LogFormat::kLongDouble:
-            if (unsigned char* p = Grow(sizeof(long double))) {
-                WriteValue(p, va_arg(work, long double));
-            }
+            put(va_arg(work, long double));
             break;
         case LogFormat::kPointer:
-            if (unsigned char* p = Grow(sizeof(void*))) {
-                WriteValue(p, va_arg(work, void*));
-            }
+            put(va_arg(work, void*));
             break;
         case LogFormat::kString: {
             const char* text = va_arg(work, const char*);
             if (text == nullptr) {
-                if (unsigned char* p = Grow(sizeof(uint32_t))) {
-                    WriteValue(p, kNullString);
-                }
+                put(kNullString);
                 break;
             }
             const size_t length = precision >= 0 ? strnlen(text, static_cast<size_t>(precision))
