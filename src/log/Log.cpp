@@ -165,8 +165,10 @@ void Log::Enqueue(EntryPtr entry) {
     try {
         {
             LockGuard lock(m_queueMutex);
+            ++m_producedTotal;
             if (m_dropping) {
                 ++m_droppedCount;
+                ++m_droppedTotal;
                 return; // the entry is destroyed after the mutex is released
             }
             m_queue.push_back(std::move(entry));
@@ -188,6 +190,7 @@ void Log::Enqueue(EntryPtr entry) {
     } catch (...) {
         // Logging never throws on the caller's path; an entry that finds no room
         // in the queue is lost.
+        CountLost(1);
     }
     FreeBlocks(returned);
 }
@@ -208,6 +211,8 @@ bool Log::CountIfDropping() {
         LockGuard lock(m_queueMutex);
         if (m_dropping) {
             ++m_droppedCount;
+            ++m_droppedTotal;
+            ++m_producedTotal;
             return true;
         }
     } catch (...) {
@@ -394,6 +399,7 @@ void Log::ThreadFunc() {
             NotifyListeners(*entry);
         } catch (...) {
             // An entry that cannot be formatted is skipped; the worker goes on.
+            CountLost(1);
         }
         spareLine = std::move(entry->m_formattedMessage);
         if (captured) {
@@ -471,11 +477,17 @@ uint64_t Log::Flush(uint64_t timeLimitMs) {
             }
         }
         count = m_queue.size();
+        m_discardedTotal += count;
         discarded.swap(m_queue);
     }
     // What is left is never delivered; it is freed outside the lock so that
     // producers are not held up by a large backlog.
     return count;
+}
+
+Log::Counts Log::GetCounts() {
+    std::lock_guard<std::mutex> lock(m_queueMutex);
+    return Counts{m_producedTotal, m_droppedTotal, m_discardedTotal, m_lostTotal.load()};
 }
 
 // ---------------------------------------------------------------------------

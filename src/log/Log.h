@@ -83,6 +83,17 @@ public:
     bool RemoveListener(const std::weak_ptr<ILogListener>& listener);
     uint64_t Flush(uint64_t timeLimitMs);
 
+    // Where every entry that callers handed over went, so that a long run can
+    // account for each line: produced = dropped (while overloaded) + queued, and
+    // each queued entry is delivered, discarded by a flush or lost on the way (it
+    // could not be queued or formatted, or a sink could not keep it).
+    struct Counts {
+        uint64_t produced, dropped, discarded, lost;
+    };
+    Counts GetCounts();
+    // A listener's word that it could not keep a delivered entry (a full disk).
+    void CountLost(uint64_t entries) noexcept { m_lostTotal.fetch_add(entries); }
+
     static uint16_t& GetThreadDepth();
     static void IncreaseThreadDepth();
     static bool DecreaseThreadDepth();
@@ -118,6 +129,10 @@ private:
     // counts its entry without capturing it first.
     std::atomic<bool> m_droppingHint{false};
     uint64_t m_droppedCount = 0;
+    // Since the log was made, for GetCounts (guarded by m_queueMutex, except the
+    // losses, which the worker and the sinks report without it).
+    uint64_t m_producedTotal = 0, m_droppedTotal = 0, m_discardedTotal = 0;
+    std::atomic<uint64_t> m_lostTotal{0};
     // Read without the queue mutex by the level test on every logging call, so it
     // is atomic; created and cleared under m_queueMutex.
     std::atomic<std::thread*> m_thread{nullptr};

@@ -39,7 +39,10 @@ LoggerFile::~LoggerFile() {
         // The flush comes first so that every entry queued before now is in the
         // file before the footer.
         const uint64_t dropped = m_log->Flush(1000);
-        Write(FooterBlock(dropped));
+        std::lock_guard<std::mutex> lock(m_fileMutex);
+        // Lines that the file could not take (a full disk) are lost just as
+        // surely as the ones the queue dropped, and are counted with them.
+        WriteLocked(FooterBlock(dropped + m_lost));
     } catch (...) {
     }
     try {
@@ -56,9 +59,13 @@ void LoggerFile::OnLogEntryAdded(const LogEntry& entry) {
         // and line and line feed leave in a single write().
         m_line.assign(entry.m_formattedMessage);
         m_line += '\n';
-        WriteLocked(m_line);
+        if (WriteLocked(m_line)) {
+            return;
+        }
     } catch (...) {
     }
+    ++m_lost;
+    m_log->CountLost(1);
 }
 
 void LoggerFile::Write(const std::string& text) {
@@ -66,23 +73,36 @@ void LoggerFile::Write(const std::string& text) {
     WriteLocked(text);
 }
 
-void LoggerFile::WriteLocked(const std::string& text) {
+bool LoggerFile::WriteLocked(const std::string& text) {
     if (m_file < 0) {
-        return; // a sink whose file never opened writes nothing
+        return false; // a sink whose file never opened writes nothing
     }
-    const char* data = text.data();
-    size_t left = text.size();
-    while (left > 0) {
-        const ssize_t n = ::write(m_file, data, left);
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return; // write errors are ignored
+    // A line that a full disk cut short is finished with a line feed first, so
+    // that whatever follows once there is room again starts a line of its own.
+    if (m_torn && !WriteAll("\n", 1)) {
+        return false;
+    }
+    m_torn = false;
+    const size_t written = WriteAll(text.data(), text.size());
+    m_torn = written > 0 && written < text.size();
+    return written == text.size();
+}
+
+// Write errors are not reported: the worker cannot stop for them, and the
+// caller counts what did not get through. Returns the bytes written.
+size_t LoggerFile::WriteAll(const char* data, size_t size) {
+    size_t done = 0;
+    while (done < size) {
+        const ssize_t n = ::write(m_file, data + done, size - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
         }
-        data += n;
-        left -= static_cast<size_t>(n);
+        if (n <= 0) {
+            break;
+        }
+        done += static_cast<size_t>(n);
     }
+    return done;
 }
 
 void LoggerFile::Close() {

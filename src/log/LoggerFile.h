@@ -22,7 +22,9 @@ public:
 
 private:
     void Write(const std::string& text);
-    void WriteLocked(const std::string& text);
+    // True when the whole text was written.
+    bool WriteLocked(const std::string& text);
+    size_t WriteAll(const char* data, size_t size);
     void Close();
 
     // A plain descriptor rather than a stream: it can be opened close-on-exec, so
@@ -33,6 +35,10 @@ private:
     // that timed out on a slow disk both may still be busy at once.
     std::mutex m_fileMutex;
     std::string m_line;
+    // Entries that could not be written (guarded by m_fileMutex), and whether the
+    // last line in the file was cut short.
+    uint64_t m_lost = 0;
+    bool m_torn = false;
     std::shared_ptr<ILogListener> m_selfListener;
 };
 

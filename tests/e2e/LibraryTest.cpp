@@ -3,6 +3,8 @@
 // leave descriptors, threads and memory where they were.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 
 #include <set>
 #include <thread>
@@ -90,6 +92,54 @@ TEST_F(LibraryLoad, LogFileAndLevelFromTheEnvironment) {
     EXPECT_EQ(started, 1);
     EXPECT_EQ(stopped, 1);
     EXPECT_EQ(log.substr(log.size() < 66 ? 0 : log.size() - 66), "[" + std::string(62, '=') + "]\n\n");
+  }
+}
+
+// The log file in trouble while the library runs: its file system full, the
+// file deleted, its folder made read-only. The caller goes on as before; lines
+// that a full disk swallowed are counted in the footer's dropped messages, and a
+// line cut short does not run into the next one.
+TEST_F(LibraryLoad, LogFileInTrouble) {
+  for (const std::string trouble : {"full", "deleted", "read-only"}) {
+    SCOPED_TRACE(trouble);
+    if (!RunInChild([&](ChildContext& ctx) {
+          EnterPrivateDev();
+          MakeFifo("tavikSW_0");
+          const std::string dir = ctx.tmp + "/" + trouble, log = dir + "/ddi.log", filler = dir + "/filler";
+          ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+          ASSERT_EQ(mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=64k"), 0);
+          setenv("TAVIK_DDI_LOG_FILE", log.c_str(), 1);
+          setenv("TAVIK_DDI_LOG_LEVEL", "T", 1);
+          const size_t threads = CountThreads(), fds = CountOpenFds();
+          DdiLibrary lib;
+          TAVIK_ASSERT_LOAD(lib);
+          if (trouble == "full") {
+            const int f = open(filler.c_str(), O_WRONLY | O_CREAT, 0600);
+            char block[4096] = {};
+            for (size_t size = sizeof block; size > 0; size /= 2)
+              while (write(f, block, size) == static_cast<ssize_t>(size)) {}
+            close(f);
+          }
+          if (trouble == "deleted") unlink(log.c_str());
+          if (trouble == "read-only") chmod(dir.c_str(), 0555);
+          for (int round = 0; round < 2; ++round) {
+            Ddi ddi{};
+            EXPECT_EQ(lib.init(&ddi), KZ_ERR_NONE);
+            EXPECT_EQ(lib.uninit(&ddi), KZ_ERR_NONE);
+            unlink(filler.c_str());  // room again for the second round and the footer
+          }
+          lib.Unload();
+          EXPECT_EQ(SettledThreadCount(threads), threads);
+          EXPECT_EQ(CountOpenFds(), fds);
+          WriteFile(ctx.LogPath(), ReadFile(log));  // the file system goes with the child
+        }))
+      continue;
+    const std::string log = ReadScratch("ddi.log");
+    EXPECT_EQ(log.empty(), trouble == "deleted");
+    std::smatch dropped;
+    EXPECT_EQ(std::regex_search(log, dropped, std::regex(", dropped ([1-9][0-9]*) messages\\]\n")), trouble == "full");
+    EXPECT_EQ(std::regex_search(log, std::regex("\n\\[[0-9]{6}\\.[0-9]{6} DDI .*tavik_ddi_init")), trouble != "deleted");
+    EXPECT_FALSE(std::regex_search(log, std::regex("[^\n]\\[[0-9]{6}\\.[0-9]{6} "))) << "a line cut short runs into the next";
   }
 }
 

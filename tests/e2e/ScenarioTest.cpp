@@ -2,6 +2,8 @@
 // transcript: what the core got back (codes, texts, records), which module
 // functions ran, and every line the library logged, in order.
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -251,6 +253,80 @@ TEST_F(Scenario, Notifications) {
     Note("close: %d", d->close(d));
     Note("uninit: %d", lib.uninit(&ddi));
   }, "^(?!T .*_(start|stop)_notif_thread\\().*notif");  // the thread's own trace only
+}
+
+// System calls that fail on a real machine, from real causes: a descriptor limit
+// during init and open, and a storm of signals (handled without SA_RESTART)
+// that interrupts blocking reads and writes and the notification thread's poll.
+void OnSignal(int) {}
+
+TEST_F(Scenario, FailingSystemCalls) {
+  RunScenario("system_calls", "info", [](DdiLibrary& lib) {
+    struct sigaction action = {};
+    action.sa_handler = OnSignal;
+    ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+    MakeFifo("tavikSW_0");
+    for (int i = 0; i < 13; ++i) MakeFifo("tavikUSB_" + std::to_string(i));  // with 2 of the module: 16 cameras
+    SimCamera* cam = SimCamera::Attach("/dev/tavikSW_0");
+    setenv("TAVIK_UMD_PATH", FixtureDir("good").c_str(), 1);
+    struct rlimit old;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
+    auto limitFreeFds = [&](int more) {  // allows `more` descriptors beyond those open now
+      const int lowest = dup(0);
+      close(lowest);
+      struct rlimit tight = {static_cast<rlim_t>(lowest + more), old.rlim_max};
+      ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+    };
+    Ddi ddi{};
+    limitFreeFds(0);
+    Note("init without descriptors: %d", lib.init(&ddi));
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &old), 0);
+    Note("uninit: %d", lib.uninit(&ddi));
+    ASSERT_EQ(lib.init(&ddi), KZ_ERR_NONE);
+    auto step = [&](const char* what, int16 rc) { Note("%s: %d, '%s'", what, rc, rc ? lib.LastError().c_str() : ""); };
+    limitFreeFds(3);
+    int16 opened[TAVIK_DDI_MAX_CAMERAS];
+    std::string outcome;  // the cameras in order: '+' opened, else the code and the text
+    for (unsigned i = 0; i < ddi.cam_count; ++i)
+      outcome += (opened[i] = ddi.devices[i]->open(ddi.devices[i])) ? std::to_string(opened[i]) + " '" + lib.LastError() + "' " : "+ ";
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &old), 0);
+    Note("open all with 3 descriptors to spare: %s", outcome.c_str());
+    for (unsigned i = 0; i < ddi.cam_count; ++i)
+      if (opened[i] == KZ_ERR_NONE) ddi.devices[i]->close(ddi.devices[i]);
+    // The storm: every thread but the sender's gets a signal every millisecond.
+    std::atomic<bool> storming{true};
+    std::thread storm([&] {
+      const pid_t sender = static_cast<pid_t>(syscall(SYS_gettid));
+      while (storming) {
+        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
+          if (const pid_t tid = std::stoi(task.path().filename()); tid != sender)
+            syscall(SYS_tgkill, getpid(), tid, SIGUSR1);
+        usleep(1000);
+      }
+    });
+    tavik_driver_device* d = ddi.devices[ddi.cam_count - 1];  // the simulated camera
+    tavik_driver_device* fifo = ddi.devices[2];  // tavikUSB_0, after the module's two
+    ASSERT_EQ(fifo->open(fifo), KZ_ERR_NONE);
+    uns8 byte[16] = {};
+    uns16 n = 0;
+    step("read from an empty FIFO", fifo->read(fifo, byte, sizeof byte, &n));
+    const int filler = open("/dev/tavikUSB_0", O_WRONLY | O_NONBLOCK);
+    while (write(filler, byte, 1) == 1) {}
+    step("write to a full FIFO", fifo->write(fifo, byte, 1, &n));
+    close(filler);
+    ASSERT_EQ(d->open(d), KZ_ERR_NONE);
+    Note("start: %d", d->start_notif_thread(d, [](tavik_driver_device*, tavik_notif*) -> int16 { return ++g_delivered, 0; }));
+    for (int i = 1; i <= 20; ++i) {
+      cam->Push({NOTIFICATION_EOF});
+      WaitUntil([&] { return g_delivered >= i; });
+    }
+    Note("20 frames delivered; polls beyond one a frame: %s", cam->polls > 21 ? "some" : "none");
+    Note("stop: %d", d->stop_notif_thread(d));
+    storming = false;
+    storm.join();
+    Note("close: %d %d", d->close(d), fifo->close(fifo));
+    Note("uninit: %d", lib.uninit(&ddi));
+  }, "^E (?!.*(Poll error|_dev_open))");  // the notes hold the texts of open
 }
 
 }  // namespace
