@@ -16,8 +16,10 @@ LoggerFile::LoggerFile(std::shared_ptr<Log> log, const char* fileName)
     if (!m_log || fileName == nullptr || fileName[0] == '\0') {
         return;
     }
-    // Append, never truncate: earlier runs' blocks are kept.
-    m_file = ::open(fileName, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+    // Append, never truncate: earlier runs' blocks are kept. Never wait either: a
+    // FIFO that nobody reads would otherwise hold up the library's load here, and
+    // its unload at the footer once the pipe is full. A regular file ignores it.
+    m_file = ::open(fileName, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0666);
     if (m_file < 0) {
         return; // silently inert
     }

@@ -96,11 +96,11 @@ TEST_F(LibraryLoad, LogFileAndLevelFromTheEnvironment) {
 }
 
 // The log file in trouble while the library runs: its file system full, the
-// file deleted, its folder made read-only. The caller goes on as before; lines
-// that a full disk swallowed are counted in the footer's dropped messages, and a
-// line cut short does not run into the next one.
+// file deleted, its folder made read-only, or a FIFO that nobody reads. The
+// caller goes on as before; lines that a full disk swallowed are counted in the
+// footer's dropped messages, and a line cut short does not run into the next.
 TEST_F(LibraryLoad, LogFileInTrouble) {
-  for (const std::string trouble : {"full", "deleted", "read-only"}) {
+  for (const std::string trouble : {"full", "deleted", "read-only", "a FIFO nobody reads"}) {
     SCOPED_TRACE(trouble);
     if (!RunInChild([&](ChildContext& ctx) {
           EnterPrivateDev();
@@ -108,6 +108,7 @@ TEST_F(LibraryLoad, LogFileInTrouble) {
           const std::string dir = ctx.tmp + "/" + trouble, log = dir + "/ddi.log", filler = dir + "/filler";
           ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
           ASSERT_EQ(mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=64k"), 0);
+          if (trouble[0] == 'a') ASSERT_EQ(mkfifo(log.c_str(), 0600), 0);
           setenv("TAVIK_DDI_LOG_FILE", log.c_str(), 1);
           setenv("TAVIK_DDI_LOG_LEVEL", "T", 1);
           const size_t threads = CountThreads(), fds = CountOpenFds();
@@ -131,14 +132,15 @@ TEST_F(LibraryLoad, LogFileInTrouble) {
           lib.Unload();
           EXPECT_EQ(SettledThreadCount(threads), threads);
           EXPECT_EQ(CountOpenFds(), fds);
-          WriteFile(ctx.LogPath(), ReadFile(log));  // the file system goes with the child
+          WriteFile(ctx.LogPath(), trouble[0] == 'a' ? "" : ReadFile(log));  // the file system goes with the child
         }))
       continue;
     const std::string log = ReadScratch("ddi.log");
-    EXPECT_EQ(log.empty(), trouble == "deleted");
+    const bool none = trouble == "deleted" || trouble[0] == 'a';
+    EXPECT_EQ(log.empty(), none);
     std::smatch dropped;
     EXPECT_EQ(std::regex_search(log, dropped, std::regex(", dropped ([1-9][0-9]*) messages\\]\n")), trouble == "full");
-    EXPECT_EQ(std::regex_search(log, std::regex("\n\\[[0-9]{6}\\.[0-9]{6} DDI .*tavik_ddi_init")), trouble != "deleted");
+    EXPECT_EQ(std::regex_search(log, std::regex("\n\\[[0-9]{6}\\.[0-9]{6} DDI .*tavik_ddi_init")), !none);
     EXPECT_FALSE(std::regex_search(log, std::regex("[^\n]\\[[0-9]{6}\\.[0-9]{6} "))) << "a line cut short runs into the next";
   }
 }
