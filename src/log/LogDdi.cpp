@@ -32,6 +32,23 @@ Log::LibInitHelper libPreInitHelper(Log::LibInitHelper::PreInit, Log::LibInitHel
 std::shared_ptr<LogSetup> setup = CreateSetup();
 Log::LibInitHelper libPostInitHelper(Log::LibInitHelper::PostInit, Log::LibInitHelper::Immediate);
 
+namespace {
+
+// The destructors of the objects above are registered with the C library as they
+// are built, and once a process has made a few dozen registrations each one
+// allocates; when that fails the destructor is silently never called, and the
+// log's worker would outlive the unload, waiting in code that is no longer
+// mapped. So the unload releases the set-up here, which needs no registration
+// and runs before the destructors of static objects (they then find it
+// released), with the unload marked first as libPostInitHelper's destruction
+// would mark it.
+__attribute__((destructor)) void ReleaseSetupAtUnload() {
+    const Log::LibInitHelper unloading(Log::LibInitHelper::PreInit, Log::LibInitHelper::Immediate);
+    setup.reset();
+}
+
+} // namespace
+
 std::shared_ptr<Log> GetLog() {
     const LogSetup* current = setup.get();
     if (current == nullptr || !current->HasLog()) {
