@@ -14,8 +14,8 @@ namespace {
 
 // The notification thread of the camera whose callback is running on this
 // thread, so that a callback asking to stop its own thread is refused instead of
-// joining itself.
-thread_local const VirtualCamera* t_deliveringCamera = nullptr;
+// joining itself. In static TLS, like the last-error text (VirtualLastError.h).
+__attribute__((tls_model("initial-exec"))) thread_local const VirtualCamera* t_deliveringCamera = nullptr;
 
 uint64_t MonotonicNs() {
   // steady_clock is CLOCK_MONOTONIC on Linux, the clock documented for the stamps.

@@ -7,7 +7,7 @@
 namespace tavik_virtual {
 
 namespace {
-thread_local char t_text[VirtualLastError::kCapacity];
+__attribute__((tls_model("initial-exec"))) thread_local char t_text[VirtualLastError::kCapacity];
 }
 
 void VirtualLastError::Set(const char* format, ...) {

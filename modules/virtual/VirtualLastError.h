@@ -1,7 +1,12 @@
 // The emulator's own per-thread last-error text. A fixed thread-local buffer:
 // setting it never allocates (so it cannot fail or throw), and it has no
 // destructor, so threads of the core that die after the module was unloaded do
-// not call back into unmapped code.
+// not call back into unmapped code. It lives in the static TLS that a thread
+// gets when it is created: the module is loaded with dlopen, and a first touch of
+// dynamic TLS makes the C library allocate, ending the process if that fails.
+// The room for static TLS in libraries loaded later is about a kilobyte and a half,
+// shared by all of them, hence a capacity that just holds the longest text the
+// emulator makes.
 #pragma once
 
 #include <tavik/tavik_types.h>
@@ -10,7 +15,7 @@ namespace tavik_virtual {
 
 class VirtualLastError {
  public:
-  static constexpr unsigned kCapacity = 512;
+  static constexpr unsigned kCapacity = 256;
 
   // printf-style; a text longer than kCapacity - 1 is cut.
   static void Set(const char* format, ...) __attribute__((format(printf, 1, 2)));

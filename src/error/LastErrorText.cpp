@@ -8,13 +8,7 @@
 namespace kt {
 
 uns32 CopyLastErrorText(char* buffer, uns32 size) noexcept {
-    const char* text = "";
-    try {
-        text = LastError::GetDetails();
-    } catch (...) {
-        // The thread's store could not be created; it holds no text then.
-    }
-    if (!text) text = "";
+    const char* text = LastError::GetDetails();
     const size_t length = std::strlen(text);
     const uns32 needed =
         length >= UINT32_MAX ? UINT32_MAX : static_cast<uns32>(length + 1);

@@ -17,7 +17,11 @@ std::atomic<bool> Log::m_inLibLoadUnload{false};
 
 namespace {
 
-thread_local uint16_t t_depth = 0;
+// Every thread that logs reads its depth. The library is loaded with dlopen, and
+// the C library allocates a thread's copy of such a library's dynamic TLS when the
+// thread first touches it, ending the process if that fails; the static TLS that
+// every thread gets at its creation costs nothing then and cannot fail.
+__attribute__((tls_model("initial-exec"))) thread_local uint16_t t_depth = 0;
 
 // Producers and the worker each hold the queue mutex for a few dozen
 // instructions. Finding it taken, a thread that went to sleep at once would pay a

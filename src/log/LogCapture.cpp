@@ -43,11 +43,12 @@ void WriteValue(unsigned char* p, T value) {
 // Rendering
 
 // What rendering writes to: small pieces gather in a buffer on the stack and
-// reach the string in few appends.
+// reach the string in few appends. The owner flushes before it returns: a
+// destructor may not throw, and an append that finds no memory has to reach the
+// worker, which drops the entry rather than deliver half of it.
 class TextOut {
 public:
     explicit TextOut(std::string& text) : m_text(text) {}
-    ~TextOut() { Flush(); }
     TextOut(const TextOut&) = delete;
     TextOut& operator=(const TextOut&) = delete;
 
@@ -612,6 +613,7 @@ void LogCapture::Render(std::string& text, const unsigned char* data, size_t siz
             break;
         }
         default:
+            out.Flush();
             return; // not a capture: nothing more can be read safely
         }
         size_t partStart = start;
@@ -624,6 +626,7 @@ void LogCapture::Render(std::string& text, const unsigned char* data, size_t siz
         }
         previousStart = partStart;
     }
+    out.Flush();
 }
 
 } // namespace kt

@@ -11,7 +11,7 @@ namespace LogDdi {
 
 // The library's logging objects, built in this order at load and torn down in reverse.
 extern Log::LibInitHelper libPreInitHelper;
-extern std::shared_ptr<LogSetup> setup;
+extern std::shared_ptr<LogSetup>& setup;
 extern Log::LibInitHelper libPostInitHelper;
 
 // The library's log, or empty when logging is not configured.

@@ -217,8 +217,10 @@ struct IdText {
     char text[12];
 };
 
-thread_local IdText t_lastPid{0, false, 0, {}};
-thread_local IdText t_lastTid{0, false, 0, {}};
+// In static TLS, like the trace depth (see Log.cpp): the worker must not die for
+// want of memory on its first entry.
+__attribute__((tls_model("initial-exec"))) thread_local IdText t_lastPid{0, false, 0, {}};
+__attribute__((tls_model("initial-exec"))) thread_local IdText t_lastTid{0, false, 0, {}};
 
 char* PutId(char* out, uint32_t value, IdText& cache) {
     if (!cache.valid || cache.value != value) {
@@ -244,7 +246,7 @@ struct SecondText {
     char hms[16];
 };
 
-thread_local SecondText t_lastSecond{0, false, 0, {}};
+__attribute__((tls_model("initial-exec"))) thread_local SecondText t_lastSecond{0, false, 0, {}};
 
 // Writes "HHMMSS.uuuuuu" at out; returns the position after it.
 char* PutTimeStamp(char* out, const TimePoint& time) {

@@ -83,7 +83,8 @@ namespace {
 // except in the child of a fork, whose only thread is the forking one: the
 // child handler forgets both there.
 std::atomic<uint32_t> g_pid{0};
-thread_local uint32_t t_tid = 0;
+// In static TLS, like the trace depth (see Log.cpp).
+__attribute__((tls_model("initial-exec"))) thread_local uint32_t t_tid = 0;
 
 void ForgetIdsInChild() {
     g_pid.store(0, std::memory_order_relaxed);
