@@ -44,8 +44,14 @@ void ddi_load_user_mode_driver(Ddi* ddi, const char* file_path) {
     tavik_driver* driver = nullptr;
     if (tavik_driver_load_user_mode(file_path, &driver) == QX_FAIL) return;
 
-    // The loader accepted only types below TAVIK_DRIVER_TYPE_COUNT.
+    // The loader accepted the module's first answer, but a module may answer
+    // differently when asked again, and the answer indexes the slots.
     const E_TAVIK_DRIVER_TYPE type = driver->type();
+    if (static_cast<uns32>(type) >= TAVIK_DRIVER_TYPE_COUNT) {
+        DDI_TRACE_MSG(fn, Error, "Invalid driver type %u", static_cast<uns32>(type));
+        tavik_driver_unload(&driver);
+        return;
+    }
     if (ddi->drivers[type]) {
         // The first module found for a type wins.
         DDI_TRACE_MSG(fn, Warning, "There is already loaded driver with %s type, skipping",

@@ -44,6 +44,7 @@ int Answer(SimCamera& c, tavik_notif_list* list) {
   }
   uint64_t drained;
   if (c.batches.empty() && read(c.eventFd, &drained, sizeof drained) < 0) drained = 0;
+  if (c.answer != nullptr) return c.answer(list);
   if (Consume(c.requestFailures)) {
     errno = c.requestErr;
     return -1;

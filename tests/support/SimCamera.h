@@ -26,6 +26,9 @@ class SimCamera {
   void FailRequests(int err, int n) { requestErr = err, requestFailures = n; }  // the next n requests fail
   // The next n polls fail with err; with err 0 they report POLLERR on the device instead.
   void FailPolls(int err, int n) { pollErr = err, pollFailures = n; }
+  // When set, answers every request in place of the batches: fills the list (a
+  // tavik_notif_list) as a device would and returns the request's result.
+  int (*answer)(void* list) = nullptr;
 
   std::atomic<int> polls{0};     // polls that waited on this camera or failed
   // The host's side of the last request: capacity, count as the host left it,
