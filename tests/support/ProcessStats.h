@@ -47,15 +47,4 @@ inline size_t SettledThreadCount(size_t expected) {
   return count;
 }
 
-inline size_t ResidentKb() {
-  size_t kb = 0;
-  if (FILE* f = std::fopen("/proc/self/status", "r")) {
-    char line[256];
-    while (std::fgets(line, sizeof line, f) != nullptr && std::sscanf(line, "VmRSS: %zu kB", &kb) != 1) {
-    }
-    std::fclose(f);
-  }
-  return kb;
-}
-
 }  // namespace tavik_test

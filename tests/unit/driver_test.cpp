@@ -1,5 +1,5 @@
-// Camera-list and device-list rules on records no module or /dev gives cheaply: a device
-// missing one operation, lists with holes left by failed adds, a type that does not exist.
+// Camera-list and device-list rules on records no module or /dev gives cheaply: lists
+// with holes left by failed adds, a type that does not exist.
 #include <gtest/gtest.h>
 
 #include <cstddef>
@@ -32,17 +32,6 @@ struct FakeDriver {
     std::vector<tavik_driver_device*> list;
     tavik_driver record{};
 };
-
-TEST(CameraList, EveryOneOfTheEightOperationsIsRequired) {
-    for (const size_t op : kOperations) {
-        FakeDriver usb({0, 1});
-        std::memset(reinterpret_cast<char*>(&usb.devices[0]) + op, 0, sizeof(void*));
-        Ddi ddi{};
-        ddi.drivers[TAVIK_DRIVER_TYPE_USB] = &usb.record;
-        ddi_update_device_list(&ddi);
-        EXPECT_TRUE(ddi.cam_count == 1 && ddi.devices[0] == &usb.devices[1]) << "operation at offset " << op;
-    }
-}
 
 TEST(CameraList, WalkStopsAtTheFirstHoleAndEmptySlotsGiveNoCameras) {
     FakeDriver firstFailed({-1, 0}), holed({0, -1, 1}), emulator({0});

@@ -70,32 +70,6 @@ TEST(LogCore, ListenerRulesTheLoadPhaseAndTheLazyWorker) {
 
 struct Thrower final : kt::ILogListener { void OnLogEntryAdded(const LogEntry&) override { throw 1; } };
 
-TEST(LogCore, SeveralProducersLoseNothingAndKeepTheirOrder) {
-    constexpr int kProducers = 4, kEach = 5000;
-    auto rec = std::make_shared<Recorder>();
-    auto log = std::make_shared<Log>(LogEntry::Trace);
-    ASSERT_TRUE(log->AddListener(rec));
-    std::vector<std::thread> producers;
-    for (int p = 0; p < kProducers; ++p) {
-        producers.emplace_back([&, p] {
-            for (int i = 0; i < kEach; ++i) log->AddEntry("SEQ", LogEntry::Info, "%d %d", p, i);
-        });
-    }
-    for (auto& t : producers) t.join();
-    EXPECT_EQ(log->Flush(10000), 0u);
-    const auto lines = rec->Lines();
-    ASSERT_EQ(lines.size(), size_t{kProducers * kEach});
-    int next[kProducers] = {};
-    uint32_t tids[kProducers] = {};
-    for (const LogEntry& line : lines) {
-        int p = -1, i = -1;
-        ASSERT_TRUE(std::sscanf(line.m_message.c_str(), "%d %d", &p, &i) == 2 && p >= 0 && p < kProducers &&
-                    i == next[p]++) << "lost or out of order: " << line.m_message;
-        ASSERT_EQ(line.m_tid, tids[p] = tids[p] != 0 ? tids[p] : line.m_tid) << "another thread's id";
-    }
-}
-
-
 TEST(LogCore, AboveFiftyThousandQueuedNewEntriesAreOnlyCountedThenReportedOnce) {
     auto rec = std::make_shared<Recorder>();
     auto log = std::make_shared<Log>(LogEntry::Trace);
