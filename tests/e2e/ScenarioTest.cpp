@@ -256,7 +256,11 @@ TEST_F(Scenario, FailingSystemCalls) {
       struct rlimit tight = {static_cast<rlim_t>(lowest + more), old.rlim_max};
       ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
     };
+    // Once while descriptors are to spare: UndefinedBehaviorSanitizer checks a
+    // virtual call through a pipe the first time it meets the object's type, and
+    // would take a type it cannot check then for a wrong one.
     Ddi ddi{};
+    ASSERT_EQ(lib.init(&ddi) | lib.uninit(&ddi), KZ_ERR_NONE);
     limitFreeFds(0);
     Note("init without descriptors: %d", lib.init(&ddi));
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &old), 0);
@@ -299,7 +303,8 @@ TEST_F(Scenario, FailingSystemCalls) {
       cam->Push({NOTIFICATION_EOF});
       WaitUntil([&] { return g_delivered >= i; });
     }
-    Note("20 frames delivered; polls beyond one a frame: %s", cam->polls > 21 ? "some" : "none");
+    WaitUntil([&] { return cam->polls > 21; });  // one a frame and the one waiting now, and a retry
+    Note("20 frames delivered, a poll interrupted and retried");
     Note("stop: %d", d->stop_notif_thread(d));
     storming = false;
     storm.join();
