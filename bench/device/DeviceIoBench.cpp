@@ -130,7 +130,7 @@ void RunLevel(benchmark::State& state, uint64_t linesPerOp, Op op) {
 bool LoadInstance(Instance& in, const char* label, const char* level) {
   in.label = label;
   std::string copy = g_tmp + "/libtavikDDI-" + label + ".so";
-  fs::copy_file(tavik_test::DdiLibrary::Path(), copy, fs::copy_options::overwrite_existing);
+  fs::copy_file(TAVIK_TEST_LIBRARY_PATH, copy, fs::copy_options::overwrite_existing);
   if (level == nullptr) {
     unsetenv("TAVIK_DDI_LOG_FILE");
   } else {

@@ -61,11 +61,11 @@ inline void NoteDdi(const Ddi& ddi) {
   Note("cameras:%s", cameras.c_str());
 }
 
-inline void InitAndUninit(DdiLibrary& lib) {
+inline void InitAndUninit(DdiLibrary* lib) {
   Ddi ddi{};
-  Note("init: %d", lib.init(&ddi));
+  Note("init: %d", lib->init(&ddi));
   NoteDdi(ddi);
-  Note("uninit: %d", lib.uninit(&ddi));
+  Note("uninit: %d", lib->uninit(&ddi));
 }
 
 class E2eTest : public ChildTest {
@@ -74,20 +74,19 @@ class E2eTest : public ChildTest {
   // log) and the fixture calls recorded; then the notes, the calls and the
   // normalised log lines that match keep (all when null) must equal
   // golden/<name>.txt.
-  void RunScenario(const std::string& name, const char* level, const std::function<void(DdiLibrary&)>& body,
+  void RunScenario(const std::string& name, const char* level, const std::function<void(DdiLibrary*)>& body,
                    const char* keep = nullptr) {
     if (!RunInChild([&](ChildContext& ctx) {
           EnterPrivateDev();
           if (level != nullptr) ctx.EnableLog(level);
           ctx.RecordFixtureCalls();
-          DdiLibrary lib;
-          TAVIK_ASSERT_LOAD(lib);
-          body(lib);
-          lib.Unload();
+          TAVIK_LOAD(lib);
+          body(lib.get());
+          lib.reset();
           WriteFile(ctx.tmp + "/notes.txt", g_notes);
         }))
       return;
-    const Substitutions subs = {{ctx_.tmp, "@TMP"}, {FixtureDir(""), "@FIX/"}, {DdiLibrary::Path(), "@LIB"},
+    const Substitutions subs = {{ctx_.tmp, "@TMP"}, {FixtureDir(""), "@FIX/"}, {TAVIK_TEST_LIBRARY_PATH, "@LIB"},
                                 {ReadLink("/proc/self/exe"), "@EXE"}};
     std::string log;
     std::istringstream in(NormalizeLog(ReadFile(ctx_.LogPath())));

@@ -15,7 +15,7 @@ namespace tavik_test {
 namespace {
 
 TEST(Library, ExportsExactlyTheFourEntryPointsAtTheirVersionUnderItsSoname) {
-  const std::string lib = DdiLibrary::Path();
+  const std::string lib = TAVIK_TEST_LIBRARY_PATH;
   EXPECT_EQ(RunProcess({"/bin/sh", "-c", "nm -D --defined-only --with-symbol-versions " + lib + " | cut -d' ' -f2- | sort"}).out,
             "A TAVIK_DDI_3.0\n"
             "T tavik_ddi_get_last_error_message@@TAVIK_DDI_3.0\n"
@@ -51,8 +51,7 @@ TEST_F(LibraryLoad, LogFileAndLevelFromTheEnvironment) {
           if (row.level != nullptr) setenv("TAVIK_DDI_LOG_LEVEL", row.level, 1);
           setenv("TAVIK_UMD_PATH", FixtureDir("mixed").c_str(), 1);
           const size_t threads = CountThreads(), fds = CountOpenFds();
-          DdiLibrary lib;
-          TAVIK_ASSERT_LOAD(lib);
+          TAVIK_LOAD(lib);
           EXPECT_EQ(ListedEntries("/proc/self/task"), threads) << "the log's worker started during the load";
           // The log file must not leak into programs that the core starts.
           for (int fd = 0; row.letters != nullptr && fd < 64; ++fd)
@@ -61,16 +60,16 @@ TEST_F(LibraryLoad, LogFileAndLevelFromTheEnvironment) {
           // the unload, so that nothing pins the library.
           std::thread([&] {
             Ddi ddi{};
-            EXPECT_EQ(lib.init(&ddi), KZ_ERR_NONE);
+            EXPECT_EQ(lib->init(&ddi), KZ_ERR_NONE);
             tavik_driver_device* d = ddi.devices[ddi.cam_count - 2];  // the FIFO, before the emulator row
             uns16 n = 0;
             EXPECT_EQ(d->open(d), KZ_ERR_NONE);
             EXPECT_EQ(d->write(d, reinterpret_cast<const uns8*>("ab"), 2, &n), KZ_ERR_NONE);
             EXPECT_EQ(d->close(d), KZ_ERR_NONE);
-            EXPECT_EQ(lib.uninit(&ddi), KZ_ERR_NONE);
+            EXPECT_EQ(lib->uninit(&ddi), KZ_ERR_NONE);
           }).join();
-          lib.Unload();
-          EXPECT_FALSE(DdiLibrary::StillMapped());
+          lib.reset();
+          EXPECT_FALSE(StillMapped());
           EXPECT_EQ(SettledThreadCount(threads), threads);
           EXPECT_EQ(CountOpenFds(), fds);
         }))
@@ -110,8 +109,7 @@ TEST_F(LibraryLoad, LogFileInTrouble) {
           setenv("TAVIK_DDI_LOG_FILE", log.c_str(), 1);
           setenv("TAVIK_DDI_LOG_LEVEL", "T", 1);
           const size_t threads = CountThreads(), fds = CountOpenFds();
-          DdiLibrary lib;
-          TAVIK_ASSERT_LOAD(lib);
+          TAVIK_LOAD(lib);
           if (trouble == "full") {
             const int f = open(filler.c_str(), O_WRONLY | O_CREAT, 0600);
             char block[4096] = {};
@@ -123,11 +121,11 @@ TEST_F(LibraryLoad, LogFileInTrouble) {
           if (trouble == "read-only") chmod(dir.c_str(), 0555);
           for (int round = 0; round < 2; ++round) {
             Ddi ddi{};
-            EXPECT_EQ(lib.init(&ddi), KZ_ERR_NONE);
-            EXPECT_EQ(lib.uninit(&ddi), KZ_ERR_NONE);
+            EXPECT_EQ(lib->init(&ddi), KZ_ERR_NONE);
+            EXPECT_EQ(lib->uninit(&ddi), KZ_ERR_NONE);
             unlink(filler.c_str());  // room again for the second round and the footer
           }
-          lib.Unload();
+          lib.reset();
           EXPECT_EQ(SettledThreadCount(threads), threads);
           EXPECT_EQ(CountOpenFds(), fds);
           WriteFile(ctx.LogPath(), trouble[0] == 'a' ? "" : ReadFile(log));  // the file system goes with the child

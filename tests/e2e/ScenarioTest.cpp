@@ -22,36 +22,36 @@ namespace {
 class Scenario : public E2eTest {};
 
 TEST_F(Scenario, EntryPointsOnAMachineWithoutDrivers) {
-  RunScenario("entry_points", "trace", [](DdiLibrary& lib) {
+  RunScenario("entry_points", "trace", [](DdiLibrary* lib) {
     uns16 v[3] = {0, 0, 0};
-    int16 rc = lib.get_lib_version(&v[0], &v[1], &v[2]);
+    int16 rc = lib->getLibVersion(&v[0], &v[1], &v[2]);
     Note("version %d: %u.%u.%u", rc, v[0], v[1], v[2]);
     for (int missing = 0; missing < 3; ++missing) {
       uns16 w[3] = {7, 7, 7};
       uns16* p[3] = {&w[0], &w[1], &w[2]};
       p[missing] = nullptr;
-      int rc = lib.get_lib_version(p[0], p[1], p[2]);
-      Note("version, argument %d null: %d, '%s', values %u %u %u", missing, rc, lib.LastError().c_str(), w[0], w[1], w[2]);
+      int rc = lib->getLibVersion(p[0], p[1], p[2]);
+      Note("version, argument %d null: %d, '%s', values %u %u %u", missing, rc, lib->LastErrorText().c_str(), w[0], w[1], w[2]);
     }
-    rc = lib.init(nullptr);
-    Note("init(null): %d, '%s'", rc, lib.LastError().c_str());
-    Note("uninit(null): %d", lib.uninit(nullptr));
+    rc = lib->init(nullptr);
+    Note("init(null): %d, '%s'", rc, lib->LastErrorText().c_str());
+    Note("uninit(null): %d", lib->uninit(nullptr));
     std::thread([&] {
-      Note("new thread: needs %u", lib.get_last_error_message(nullptr, 0));
-      lib.get_lib_version(nullptr, nullptr, nullptr);
-      Note("new thread after its own failure: '%s'", lib.LastError().c_str());
+      Note("new thread: needs %u", lib->getLastErrorMessage(nullptr, 0));
+      lib->getLibVersion(nullptr, nullptr, nullptr);
+      Note("new thread after its own failure: '%s'", lib->LastErrorText().c_str());
     }).join();
-    Note("first thread keeps '%s'", lib.LastError().c_str());
+    Note("first thread keeps '%s'", lib->LastErrorText().c_str());
     Ddi ddi;
     std::memset(&ddi, 0xA5, sizeof ddi);
-    Note("init: %d", lib.init(&ddi));
+    Note("init: %d", lib->init(&ddi));
     NoteDdi(ddi);
-    Note("uninit: %d", lib.uninit(&ddi));
+    Note("uninit: %d", lib->uninit(&ddi));
     NoteDdi(ddi);
     std::memset(&ddi, 0, sizeof ddi);
     ddi.state = TAVIK_DDI_STATE_OPEN;
     ddi.cam_count = 7;
-    Note("uninit without init: %d", lib.uninit(&ddi));
+    Note("uninit without init: %d", lib->uninit(&ddi));
     NoteDdi(ddi);
   }, "^(?!.*_kernel)|kernel_(init|mode)\\(.*RETURN");  // the rest of the kernel drivers' lines: the /dev scan
 }
@@ -59,7 +59,7 @@ TEST_F(Scenario, EntryPointsOnAMachineWithoutDrivers) {
 // The /dev scan: five name patterns, names it must reject, collation order,
 // cut names, a regular file, a dangling link, and the limit of 16 cameras.
 TEST_F(Scenario, KernelNodes) {
-  RunScenario("kernel_nodes", "debug", [](DdiLibrary& lib) {
+  RunScenario("kernel_nodes", "debug", [](DdiLibrary* lib) {
     for (const char* n : {"tavikPCI_0", "tavikPCI_1", "tavikPCI_2", "tavikPCI_3", "tavikPCI_4", "tavikPCI_5",
                           "tavikUSB_10", "tavikUSB_2", "tavikUSB_0", "tavikUSB_3", "tavikUSB_11", "tavik1394_0",
                           "tavik1394_1", "tavik1394_2", "tavik1394_3", "tavikPCIE_0", "tavikPCIE_1", "tavikSW_0", "tavikSW_",
@@ -76,7 +76,7 @@ TEST_F(Scenario, KernelNodes) {
 // One folder with every kind of module: broken ones, two of one bus, names
 // the filter must skip, files it accepts but cannot load, and good ones.
 TEST_F(Scenario, UserModeModules) {
-  RunScenario("modules", "info", [](DdiLibrary& lib) {
+  RunScenario("modules", "info", [](DdiLibrary* lib) {
     for (const char* n : {"tavikUSB_0", "tavikSW_0", "tavik1394_0"}) MakeFifo(n);
     setenv("TAVIK_UMD_PATH", FixtureDir("mixed").c_str(), 1);
     InitAndUninit(lib);
@@ -89,13 +89,13 @@ TEST_F(Scenario, ModuleFolders) {
   fs::create_directories(longDir);
   fs::create_directories(ctx_.tmp + "/empty");
   fs::copy_file(FixtureDir("good") + "/tavik_good.x86_64.umd", longDir + "/tavik_" + std::string(40, 'l') + ".x86_64.umd");
-  RunScenario("module_folders", "info", [&](DdiLibrary& lib) {
+  RunScenario("module_folders", "info", [&](DdiLibrary* lib) {
     for (const std::string& folder : {ctx_.tmp + "/missing", std::string(), ctx_.tmp + "/empty", longDir}) {
       setenv("TAVIK_UMD_PATH", folder.c_str(), 1);
       Ddi ddi{};
-      Note("folder '%s': init %d", folder.c_str(), lib.init(&ddi));
+      Note("folder '%s': init %d", folder.c_str(), lib->init(&ddi));
       if (ddi.drivers[0] != nullptr) Note("slot 0 path '%s'", ddi.drivers[0]->file_path);
-      Note("uninit: %d", lib.uninit(&ddi));
+      Note("uninit: %d", lib->uninit(&ddi));
     }
   }, "user_mode|Cannot scan");
 }
@@ -105,18 +105,18 @@ TEST_F(Scenario, ModuleFolders) {
 // this process's memory file, whose first page is unmapped: reads and writes
 // there fail with EIO.
 TEST_F(Scenario, DeviceOperations) {
-  RunScenario("device_io", "trace", [](DdiLibrary& lib) {
+  RunScenario("device_io", "trace", [](DdiLibrary* lib) {
     MakeFifo("tavikSW_0");
     ASSERT_EQ(symlink("/proc/self/mem", DevPath("tavikPCI_0").c_str()), 0);
     Ddi ddi{};
-    ASSERT_EQ(lib.init(&ddi), KZ_ERR_NONE);
+    ASSERT_EQ(lib->init(&ddi), KZ_ERR_NONE);
     ASSERT_EQ(ddi.cam_count, 2);
     tavik_driver_device* d = ddi.devices[1];  // the FIFO; the PCI row comes first
     uns8 in[16] = {};
     const uns8 out[5] = {0x01, 0x02, 0x03, 0x0A, 0xFF};
     uns16 n = 99;
     auto step = [&](const char* what, int16 rc) {
-      Note("%s: %d, n %u, '%s'", what, rc, n, lib.LastError().c_str());
+      Note("%s: %d, n %u, '%s'", what, rc, n, lib->LastErrorText().c_str());
       n = 99;
     };
     step("close while closed", d->close(d));
@@ -136,7 +136,7 @@ TEST_F(Scenario, DeviceOperations) {
     step("read 16 without count", d->read(d, in, sizeof in, nullptr));
     uns16 version = 0;
     step("ioctl driver version", d->ioctl(d, TAVIK_IOC_GET_DRIVER_VERSION, &version));
-    Note("the device's text is the thread's: %d", DeviceText(d) == lib.LastError());
+    Note("the device's text is the thread's: %d", DeviceText(d) == lib->LastErrorText());
     step("close", d->close(d));
     step("close again", d->close(d));
     char saved[sizeof d->file_path];
@@ -152,7 +152,7 @@ TEST_F(Scenario, DeviceOperations) {
     step("read memory", d->read(d, in, sizeof in, &n));
     step("write memory", d->write(d, out, sizeof out, &n));
     step("close memory", d->close(d));
-    Note("uninit: %d", lib.uninit(&ddi));
+    Note("uninit: %d", lib->uninit(&ddi));
   }, "^(?!T .*_(open|close|read|write)\\(|E ).*_dev_");  // the errors' texts are in the notes
 }
 
@@ -173,17 +173,17 @@ void WaitUntil(Done done) {
 }
 
 TEST_F(Scenario, Notifications) {
-  RunScenario("notifications", "trace", [](DdiLibrary& lib) {
+  RunScenario("notifications", "trace", [](DdiLibrary* lib) {
     g_mainTid = static_cast<pid_t>(syscall(SYS_gettid));
     MakeFifo("tavikSW_0");
     SimCamera* cam = SimCamera::Attach("/dev/tavikSW_0");
     ASSERT_NE(cam, nullptr);
     Ddi ddi{};
-    ASSERT_EQ(lib.init(&ddi), KZ_ERR_NONE);
+    ASSERT_EQ(lib->init(&ddi), KZ_ERR_NONE);
     tavik_driver_device* d = ddi.devices[0];
     ASSERT_EQ(d->open(d), KZ_ERR_NONE);
     int16 rc = d->start_notif_thread(d, nullptr);
-    Note("start without callback: %d '%s'", rc, lib.LastError().c_str());
+    Note("start without callback: %d '%s'", rc, lib->LastErrorText().c_str());
     Note("stop without start: %d", d->stop_notif_thread(d));
     const size_t fds = CountOpenFds(), threads = CountThreads();
     Note("start: %d", d->start_notif_thread(d, Record));
@@ -219,7 +219,7 @@ TEST_F(Scenario, Notifications) {
     none.rlim_max = old.rlim_max;
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
     rc = d->start_notif_thread(d, Record);
-    std::string text = lib.LastError();
+    std::string text = lib->LastErrorText();
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &old), 0);
     Note("start without descriptors: %d '%s', descriptors back: %d", rc, text.c_str(), CountOpenFds() == fds);
     int a = dup(0), b = dup(0);
@@ -230,7 +230,7 @@ TEST_F(Scenario, Notifications) {
     Note("start again: %d", d->start_notif_thread(d, Record));
     Note("stop: %d", d->stop_notif_thread(d));
     Note("close: %d", d->close(d));
-    Note("uninit: %d", lib.uninit(&ddi));
+    Note("uninit: %d", lib->uninit(&ddi));
   }, "^(?!T .*_(start|stop)_notif_thread\\().*notif");  // the thread's own trace only
 }
 
@@ -240,7 +240,7 @@ TEST_F(Scenario, Notifications) {
 void OnSignal(int) {}
 
 TEST_F(Scenario, FailingSystemCalls) {
-  RunScenario("system_calls", "info", [](DdiLibrary& lib) {
+  RunScenario("system_calls", "info", [](DdiLibrary* lib) {
     struct sigaction action = {};
     action.sa_handler = OnSignal;
     ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
@@ -260,18 +260,18 @@ TEST_F(Scenario, FailingSystemCalls) {
     // virtual call through a pipe the first time it meets the object's type, and
     // would take a type it cannot check then for a wrong one.
     Ddi ddi{};
-    ASSERT_EQ(lib.init(&ddi) | lib.uninit(&ddi), KZ_ERR_NONE);
+    ASSERT_EQ(lib->init(&ddi) | lib->uninit(&ddi), KZ_ERR_NONE);
     limitFreeFds(0);
-    Note("init without descriptors: %d", lib.init(&ddi));
+    Note("init without descriptors: %d", lib->init(&ddi));
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &old), 0);
-    Note("uninit: %d", lib.uninit(&ddi));
-    ASSERT_EQ(lib.init(&ddi), KZ_ERR_NONE);
-    auto step = [&](const char* what, int16 rc) { Note("%s: %d, '%s'", what, rc, rc ? lib.LastError().c_str() : ""); };
+    Note("uninit: %d", lib->uninit(&ddi));
+    ASSERT_EQ(lib->init(&ddi), KZ_ERR_NONE);
+    auto step = [&](const char* what, int16 rc) { Note("%s: %d, '%s'", what, rc, rc ? lib->LastErrorText().c_str() : ""); };
     limitFreeFds(3);
     int16 opened[TAVIK_DDI_MAX_CAMERAS];
     std::string outcome;  // the cameras in order: '+' opened, else the code and the text
     for (unsigned i = 0; i < ddi.cam_count; ++i)
-      outcome += (opened[i] = ddi.devices[i]->open(ddi.devices[i])) ? std::to_string(opened[i]) + " '" + lib.LastError() + "' " : "+ ";
+      outcome += (opened[i] = ddi.devices[i]->open(ddi.devices[i])) ? std::to_string(opened[i]) + " '" + lib->LastErrorText() + "' " : "+ ";
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &old), 0);
     Note("open all with 3 descriptors to spare: %s", outcome.c_str());
     for (unsigned i = 0; i < ddi.cam_count; ++i)
@@ -309,7 +309,7 @@ TEST_F(Scenario, FailingSystemCalls) {
     storming = false;
     storm.join();
     Note("close: %d %d", d->close(d), fifo->close(fifo));
-    Note("uninit: %d", lib.uninit(&ddi));
+    Note("uninit: %d", lib->uninit(&ddi));
   }, "^E (?!.*(Poll error|_dev_open))");  // the notes hold the texts of open
 }
 

@@ -60,17 +60,17 @@ int16 SetActive(Dev* d, uns32 fps, uns32 limit = 0, uns8 reserved = 0) {
 
 // The library loaded with the emulator's folder as TAVIK_UMD_PATH; its end is the library's uninit.
 struct Session {
-  DdiLibrary lib;
+  std::string why;
+  std::unique_ptr<DdiLibrary> lib = DdiLibrary::Open(TAVIK_TEST_LIBRARY_PATH, why);
   Ddi ddi{};
   std::vector<Dev*> cams;  // the emulator's
   Session() {
     setenv("TAVIK_UMD_PATH", TAVIK_EMU_MODULE_DIR, 1);
-    std::string why;
-    EXPECT_EQ(lib.Load(&why) ? lib.init(&ddi) : -1, KZ_ERR_NONE) << why;
+    EXPECT_EQ(lib ? lib->init(&ddi) : -1, KZ_ERR_NONE) << why;
     for (unsigned i = 0; i < ddi.cam_count; ++i)
       if (ddi.devices[i]->driver == ddi.drivers[TAVIK_DRIVER_TYPE_VIRTUAL]) cams.push_back(ddi.devices[i]);
   }
-  ~Session() { EXPECT_EQ(lib.Loaded() ? lib.uninit(&ddi) : 0, KZ_ERR_NONE); }
+  ~Session() { EXPECT_EQ(lib ? lib->uninit(&ddi) : 0, KZ_ERR_NONE); }
 };
 
 class Emulator : public ChildTest {};
