@@ -1,8 +1,8 @@
 // The printf-style formatter at once (FormatArgsToStdString) and as the log captures and later renders it
 // (LogCapture) must give the same text, for formats built to fit Check's arguments; and dumps up to 1 MiB.
+#include <fuzzer/FuzzedDataProvider.h>
 #include <cstdarg>
 
-#include "fuzz.h"
 #include "log/LogCapture.h"
 #include "log/LogFormat.h"
 #include "log/LogUtils.h"

@@ -1,7 +1,8 @@
 // Every name lookup with any value (enumeration names, command codes, capability masks, error-code names and
 // messages) gives a non-empty constant text; error codes count by their low 16 bits only.
+#include <fuzzer/FuzzedDataProvider.h>
+
 #include "error/tavik_error_strings.h"
-#include "fuzz.h"
 #include "names/EnumUtils.h"
 #include "names/bridgecom_strings.h"
 #include "names/drivercom_caps_strings.h"

@@ -1,11 +1,11 @@
 // Names in a folder, through the library's scan (scandir, alphasort) with the five node-name filters and the
 // module-name filter, and through the module search of that folder, whose empty files never load.
+#include <fuzzer/FuzzedDataProvider.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include "ddi/tavik_ddi_internal.h"
 #include "driver/kernel/linux_tavik_driver_kernel_os.h"
-#include "fuzz.h"
 
 static char folder[] = "/tmp/tavik-fuzz-names-XXXXXX";
 

@@ -1,10 +1,9 @@
-// What only capture and rendering can get wrong, and no call of the library reaches: the
-// worker's text of a format against printf's own, a "%s" copied before the caller's buffer
+// What only capture and rendering can get wrong, and neither a call of the library nor the
+// fuzzer reaches: formats whose arguments cannot wait, a "%s" copied before the caller's buffer
 // changes, and a dump above the limit kept in part with the count it left out.
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstring>
 
 #include "log/LogFn.h"
@@ -30,19 +29,10 @@ Texts Both(const char* format, ...) {
     return va_end(a), va_end(b), t;
 }
 
-TEST(LogCapture, RenderedLaterReadsAsPrintfNow) {
-    static const char* volatile null = nullptr; // unseen by the compiler's format checks
+// The fuzzer's formats are all ones that wait for the worker; these are formatted at capture.
+TEST(LogCapture, FormatsThatCannotWaitReadAsPrintfNow) {
     errno = ENOENT;
-    for (const Texts& t : {Both("%d %i %u %x %X %o|%d|%u|%c", -42, INT_MIN, UINT_MAX, 0xBEEFu, 0xBEEFu, 8u, 0, 0u, 'c'),
-             Both("%ld %lu %lld %llu %zu %zd %lX %hd %hhu", LONG_MIN, ULONG_MAX, LLONG_MIN, ULLONG_MAX, SIZE_MAX,
-                  ssize_t{-7}, 0xFFFFFFFFFFul, 70000, 300),
-             Both("%06d %06d %08x %08X %010lld %02x %05u", -42, 42, 0x3D01u, 0xABu, -1234567LL, 0x1FFu, 7u),
-             Both("%+d|% d|%#x|%-6d|%.3d|%*d|%*d|%.*d|%5c|", 5, 5, 255u, -3, 7, 6, 42, -6, 42, 4, 3, 'a'),
-             Both("%f %.2e %g %Lf %a %5.1f%%", 3.14159, 12345.678, 1e20, 1.5L, 1.0, 99.5),
-             Both("%p %p %18p|%-8s|%8.3s", static_cast<void*>(nullptr), reinterpret_cast<void*>(0x1234),
-                  reinterpret_cast<void*>(0xdeadbeef), "left", "precision"),
-             Both("'%s' '%.3s' '%.6s' '%10s'|%.*s|%*.*s", null, null, null, null, -1, "all", 0, 3, "abcdef"),
-             Both("a%cb|%3c|%d", 0, 0, 5), Both("%ls", L"wide"), Both("%2$s %1$s", "world", "hello"), Both("%m"),
+    for (const Texts& t : {Both("%ls", L"wide"), Both("%2$s %1$s", "world", "hello"), Both("%m"),
              Both("%d %d %d %d %d %d %d %d %d %d %d %d %d", 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13)}) {
         EXPECT_EQ(t.rendered, t.printed) << t.format;
     }
@@ -53,7 +43,7 @@ TEST(LogCapture, TextsAndDumpsAreTheCallersAsTheyWereAndADumpKeepsTheLimit) {
     const auto rec = std::make_shared<ut::Recorder>();
     const auto log = std::make_shared<kt::Log>(LogEntry::Debug); // no enter and return lines
     ASSERT_TRUE(log->AddListener(rec));
-    const size_t sizes[] = {1, LogCapture::kDumpLimit, LogCapture::kDumpLimit + 1, 1u << 20};
+    const size_t sizes[] = {1, LogCapture::kDumpLimit + 1};
     Strings expected;
     for (const size_t size : sizes) {
         std::vector<unsigned char> bytes(size);
