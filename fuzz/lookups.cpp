@@ -21,7 +21,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     KT_FUZZ_NAME(_KZ_NOTIF, ) KT_FUZZ_NAME(_KZ_EXP_MODE, )
     for (const char* text : texts)
       if (text == nullptr || std::strlen(text) == 0) std::abort();  // ASan stops a read past the end
-    if (std::strcmp(GetErrCodeName(value), GetErrCodeName(value & 0xFFFF)) != 0) std::abort();
+    if (std::strcmp(GetErrCodeName(value), GetErrCodeName(value & 0xFFFF)) != 0 ||
+        std::strcmp(GetErrMessage(value), GetErrMessage(value & 0xFFFF)) != 0)
+      std::abort();
   }
   return 0;
 }

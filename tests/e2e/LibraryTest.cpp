@@ -52,7 +52,7 @@ TEST_F(LibraryLoad, LogFileAndLevelFromTheEnvironment) {
           setenv("TAVIK_UMD_PATH", FixtureDir("mixed").c_str(), 1);
           const size_t threads = CountThreads(), fds = CountOpenFds();
           TAVIK_LOAD(lib);
-          EXPECT_EQ(ListedEntries("/proc/self/task"), threads) << "the log's worker started during the load";
+          EXPECT_EQ(CountEntries("/proc/self/task"), threads) << "the log's worker started during the load";
           // The log file must not leak into programs that the core starts.
           for (int fd = 0; row.letters != nullptr && fd < 64; ++fd)
             EXPECT_TRUE(ReadLink("/proc/self/fd/" + std::to_string(fd)) != ctx.LogPath() || fcntl(fd, F_GETFD) & FD_CLOEXEC);

@@ -1,32 +1,23 @@
-// What a process holds, read from /proc: the measure of leaks across cycles.
+// What a process holds, read from /proc: the measure of leaks.
 #pragma once
 
-#include <dirent.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <string>
 #include <thread>
 
+#include "../../tools/tavik-ddi-soak/ProcessFigures.h"
+
 namespace tavik_test {
 
-inline size_t ListedEntries(const char* folder) {
-  size_t n = 0;
-  if (DIR* d = opendir(folder)) {
-    while (dirent* e = readdir(d)) n += e->d_name[0] != '.';
-    closedir(d);
-  }
-  return n;
-}
-
-inline size_t CountOpenFds() { return ListedEntries("/proc/self/fd") - 1; }  // less the listing's own
+using tavik_soak::CountEntries;
+inline size_t CountOpenFds() { return tavik_soak::Measure().fds; }
 
 // Some runtimes (ThreadSanitizer) start a helper thread with a process's first
 // thread, so one thread is started and joined first, once per process (forked
 // children too), and its task waited for: the kernel wakes a joiner before it
 // removes the exiting task.
-inline size_t CountThreadsSettled() {
+inline size_t CountThreads() {
   static pid_t warmedUp = 0;
   if (warmedUp != getpid()) {
     pid_t tid = 0;
@@ -35,15 +26,14 @@ inline size_t CountThreadsSettled() {
     for (int i = 0; i < 2000 && access(task.c_str(), F_OK) == 0; ++i) usleep(1000);
     warmedUp = getpid();
   }
-  return ListedEntries("/proc/self/task");
+  return CountEntries("/proc/self/task");
 }
-inline size_t CountThreads() { return CountThreadsSettled(); }
 
 // The count once it equals expected, or after two seconds, so that a thread
 // that was just joined does not count and one that really stays still does.
 inline size_t SettledThreadCount(size_t expected) {
-  size_t count = CountThreadsSettled();
-  for (int i = 0; i < 2000 && count != expected; ++i, count = ListedEntries("/proc/self/task")) usleep(1000);
+  size_t count = CountThreads();
+  for (int i = 0; i < 2000 && count != expected; ++i, count = CountEntries("/proc/self/task")) usleep(1000);
   return count;
 }
 

@@ -30,7 +30,7 @@ std::chrono::steady_clock::duration TimeOf(Act act) {
 
 TEST(LogCore, ListenerRulesTheLoadPhaseAndTheLazyWorker) {
     using Marker = Log::LibInitHelper;
-    const size_t base = Threads();
+    const size_t base = CountThreads();
     {
         Log log(LogEntry::Info);
         for (int level = 0; level <= 4; ++level) EXPECT_FALSE(log.WillBeLogged(LogEntry::Level(level)));
@@ -47,13 +47,13 @@ TEST(LogCore, ListenerRulesTheLoadPhaseAndTheLazyWorker) {
             log.AddEntry("DDI", LogEntry::Info, "%s", "load 1");
             Marker notified(Marker::PostInit, Marker::Notified); // open until the host reports the end
             log.AddEntry("DDI", LogEntry::Info, "%s", "load 2");
-            EXPECT_EQ(Threads(base), base) << "a worker started while loading or at registration";
+            EXPECT_EQ(SettledThreadCount(base), base) << "a worker started while loading or at registration";
             Marker post(Marker::PostInit, Marker::Immediate);
             // The first level test starts the worker, also for a level that does not pass.
             const std::pair<int, bool> levels[] = {{4, false}, {3, false}, {2, true}, {0, true}, {-3, true}};
             for (const auto& [level, passes] : levels) {
                 EXPECT_EQ(log.WillBeLogged(LogEntry::Level(level)), passes) << level;
-                EXPECT_EQ(Threads(base + 1), base + 1);
+                EXPECT_EQ(SettledThreadCount(base + 1), base + 1);
             }
             EXPECT_FALSE(log.Start()) << "a second worker";
             log.AddEntry("DDI", LogEntry::Info, "%s", "after load");
@@ -65,7 +65,7 @@ TEST(LogCore, ListenerRulesTheLoadPhaseAndTheLazyWorker) {
         EXPECT_EQ(lines[0].m_message + "," + lines[1].m_message + "," + lines[2].m_message, "load 1,load 2,after load");
         EXPECT_TRUE(log.RemoveListener(a) && !log.WillBeLogged(LogEntry::Error));
     }
-    EXPECT_EQ(Threads(base), base);
+    EXPECT_EQ(SettledThreadCount(base), base);
 }
 
 struct Thrower final : kt::ILogListener { void OnLogEntryAdded(const LogEntry&) override { throw 1; } };

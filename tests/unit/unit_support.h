@@ -1,5 +1,5 @@
 // Shared by the unit tests: a sink that records what the log's worker delivers and
-// can hold the worker inside a delivery, and counts read from /proc.
+// can hold the worker inside a delivery, and thread counts read from /proc.
 #pragma once
 
 #include <cwchar>
@@ -49,9 +49,8 @@ private:
     std::vector<kt::LogEntry> m_lines;
 };
 
-using tavik_test::CountOpenFds;
-inline size_t Threads() { return tavik_test::CountThreadsSettled(); }
-inline size_t Threads(size_t expected) { return tavik_test::SettledThreadCount(expected); }
+using tavik_test::CountThreads;
+using tavik_test::SettledThreadCount;
 
 constexpr wint_t kEuro = 0x20AC; // not encodable in the C locale: formatting fails
 

@@ -4,7 +4,6 @@
 // log at Trace. At the end it accounts for every frame and every log line and
 // compares descriptors, threads and resident memory with their values after the
 // warm-up. Exit status 0 when nothing grew and no line went uncounted.
-#include <dirent.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -20,34 +19,14 @@
 #include <CLI/CLI.hpp>
 #include <tavik/tavik.h>
 
+#include "ProcessFigures.h"
 #include "log/LogDdi.h"
 #include "tavik_virtual.h"
 
 namespace {
 
-struct ProcessFigures {
-  size_t fds, threads, rssKb;
-};
-
-size_t CountEntries(const char* folder) {
-  size_t n = 0;
-  if (DIR* dir = opendir(folder)) {
-    while (const dirent* e = readdir(dir)) n += e->d_name[0] != '.';
-    closedir(dir);
-  }
-  return n;
-}
-
-ProcessFigures Measure() {
-  long pages = 0, resident = 0;
-  if (FILE* f = std::fopen("/proc/self/statm", "r")) {
-    if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
-    std::fclose(f);
-  }
-  // The directory stream itself holds one descriptor while the count is taken.
-  return {CountEntries("/proc/self/fd") - 1, CountEntries("/proc/self/task"),
-          static_cast<size_t>(resident * sysconf(_SC_PAGESIZE) / 1024)};
-}
+using tavik_soak::Measure;
+using tavik_soak::ProcessFigures;
 
 std::atomic<uint64_t> g_delivered{0};
 
