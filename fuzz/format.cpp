@@ -10,8 +10,8 @@
 static char keys[1 << 16];
 static unsigned char dump[1 << 20];
 
-// The log keeps the parse of its (literal) formats by address for good; with every place of that table taken
-// by other keys first, each fuzzed format, at a reused address, is parsed afresh.
+// The log keeps the parse of its (literal) formats by address for good; with every place of that table taken by other
+// keys first, each fuzzed format, at a reused address, is parsed afresh.
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   for (char& key : keys) kt::LogFormat::Find(&key);
   return 0;
@@ -37,8 +37,8 @@ static void Check(const char* format, ...) {
   va_end(args);
 }
 
-// Text and a conversion taking up to `stars` '*' (it says how many it took), with the flags and precision
-// defined for its letter and a length modifier (two characters each, blank-padded).
+// Text and a conversion taking up to `stars` '*' (it says how many it took), with the flags and precision defined for
+// its letter and a length modifier (two characters each, blank-padded).
 static std::string Conversion(FuzzedDataProvider& in, const char* letters, const char* lengths, int& stars) {
   const char c = letters[in.ConsumeIntegralInRange<size_t>(0, std::strlen(letters) - 1)];
   const bool precision = c != 'c' && c != 'p';

@@ -1,6 +1,6 @@
-// The last-error text copied out through the entry point and a kernel device's last_error_msg: any text (also
-// one extending the current one), any buffer size. The copy is cut and terminated inside its buffer (exactly
-// `room` bytes, for ASan), and the result is the size the whole text needs.
+// The last-error text copied out through the entry point and a kernel device's last_error_msg: any text (also one
+// extending the current one), any buffer size. The copy is cut and terminated inside its buffer (exactly `room`
+// bytes, for ASan), and the result is the size the whole text needs.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <tavik/tavik_ddi.h>
 

@@ -1,5 +1,5 @@
-// The log set-up from any TAVIK_DDI_LOG_LEVEL text and TAVIK_DDI_LOG_FILE name (in a scratch folder), a few
-// entries, the set-up torn down: every line of the file is a header, entry or footer line, all starting with '['.
+// The log set-up from any TAVIK_DDI_LOG_LEVEL text and TAVIK_DDI_LOG_FILE name (in a scratch folder), a few entries,
+// the set-up torn down: every line of the file is a header, entry or footer line, all starting with '['.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <unistd.h>
 

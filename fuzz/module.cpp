@@ -1,7 +1,7 @@
-// Driver discovery with a user-mode module whose answers all come from the fuzzer: init's result and its devices
-// (any operations missing, any names), and a bus type that may change from one call to the next. This one source
-// is built twice: as that module (TAVIK_FUZZ_MODULE_SIDE), and as the target that loads it up to six times, builds
-// the camera list (at most 16 complete devices), dumps every record and unloads it; ASan reports leftovers.
+// Driver discovery with a user-mode module whose answers all come from the fuzzer: init's result and its devices (any
+// operations missing, any names), and a bus type that may change from one call to the next. This one source is built
+// twice: as that module (TAVIK_FUZZ_MODULE_SIDE), and as the target that loads it up to six times, builds the camera
+// list (at most 16 complete devices), dumps every record and unloads it; ASan reports leftovers.
 #include <dlfcn.h>
 #include <fuzzer/FuzzedDataProvider.h>
 

@@ -1,6 +1,6 @@
-// A kernel device's notification thread against the tests' simulated camera, whose request answers with any
-// count (0, up to the list's capacity, beyond it, the largest the field holds), any records, or a failure. The
-// callback sees only known types (ASan guards the list's bounds) and returns any code.
+// A kernel device's notification thread against the tests' simulated camera, whose request answers with any count (0,
+// up to the list's capacity, beyond it, the largest the field holds), any records, or a failure. The callback sees
+// only known types (ASan guards the list's bounds) and returns any code.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <sys/stat.h>
 #include <unistd.h>

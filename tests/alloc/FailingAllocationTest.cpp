@@ -1,6 +1,6 @@
-// Rigs run for days, and sooner or later an allocation fails. The executable
-// replaces malloc, calloc, realloc and operator new for the library, its modules,
-// the loader and the C library alike; a child per k fails the k-th of a scenario.
+// Rigs run for days, and sooner or later an allocation fails. The executable replaces malloc, calloc, realloc and
+// operator new for the library, its modules, the loader and the C library alike; a child per k fails the k-th of a
+// scenario.
 #include <dlfcn.h>
 #include <pthread.h>
 
@@ -13,14 +13,14 @@
 
 namespace {
 
-// Called before the sanitizers' runtime is set up, hence not instrumented, and
-// atomic builtins on plain data instead of std::atomic's out-of-line members.
+// Called before the sanitizers' runtime is set up, hence not instrumented, and atomic builtins on plain data instead
+// of std::atomic's out-of-line members.
 #define TAVIK_RAW __attribute__((no_sanitize("address", "undefined", "thread")))
 #define TAVIK_NEXT(name) reinterpret_cast<decltype(&::name)>(dlsym(RTLD_NEXT, #name))
 
 long g_failAt = 0, g_count = 0;  // failAt 0: not counting
-// A thread counts once its own code runs: AddressSanitizer's start of a thread
-// asks for memory that only its runtime needs.
+// A thread counts once its own code runs: AddressSanitizer's start of a thread asks for memory that only its runtime
+// needs.
 thread_local bool t_counts = false;
 
 TAVIK_RAW bool Fails() {
@@ -68,8 +68,8 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*fn)(vo
   if (rc != 0) g_next.free(start);
   return rc;
 }
-// Should dlsym ask for memory while it looks the allocator up, it gets none: the
-// loader copes with that, falling back to static storage.
+// Should dlsym ask for memory while it looks the allocator up, it gets none: the loader copes with that, falling back
+// to static storage.
 TAVIK_RAW void* malloc(size_t size) { return !Resolved() || Fails() ? nullptr : g_next.malloc(size); }
 TAVIK_RAW void* calloc(size_t n, size_t size) { return !Resolved() || Fails() ? nullptr : g_next.calloc(n, size); }
 TAVIK_RAW void* realloc(void* p, size_t size) { return !Resolved() || Fails() ? nullptr : g_next.realloc(p, size); }
@@ -122,9 +122,8 @@ void Operate(tavik_driver_device* d, bool fifo) {
   Keep(d->close(d));
 }
 
-// Load (the log's set-up and its file at Trace), init with two modules (a
-// fixture's PCI driver and the emulator) and 16 kernel nodes, a kernel device
-// with notifications and an emulated one, uninit, unload.
+// Load (the log's set-up and its file at Trace), init with two modules (a fixture's PCI driver and the emulator) and
+// 16 kernel nodes, a kernel device with notifications and an emulated one, uninit, unload.
 TEST_F(FailingAllocations, EachOneLeavesACleanProcessAndAKnownCode) {
   const std::string modules = ctx_.tmp + "/modules";
   ASSERT_EQ(mkdir(modules.c_str(), 0755), 0);

@@ -1,5 +1,5 @@
-// What the end-to-end cases share: a child with a private /dev that loads the
-// shipped library, notes what it sees, and a golden transcript to match.
+// What the end-to-end cases share: a child with a private /dev that loads the shipped library, notes what it sees,
+// and a golden transcript to match.
 #pragma once
 
 #include <algorithm>
@@ -70,10 +70,8 @@ inline void InitAndUninit(DdiLibrary* lib) {
 
 class E2eTest : public ChildTest {
  protected:
-  // Runs body in a child with a private /dev, the log at level (nullptr: no
-  // log) and the fixture calls recorded; then the notes, the calls and the
-  // normalised log lines that match keep (all when null) must equal
-  // golden/<name>.txt.
+  // Runs body in a child with a private /dev, the log at level (nullptr: no log) and the fixture calls recorded; then
+  // the notes, the calls and the normalised log lines that match keep (all when null) must equal golden/<name>.txt.
   void RunScenario(const std::string& name, const char* level, const std::function<void(DdiLibrary*)>& body,
                    const char* keep = nullptr) {
     if (!RunInChild([&](ChildContext& ctx) {

@@ -1,5 +1,5 @@
-// The library as a file and as a tenant of the core's process: its exports, and
-// the log set-up from the environment at load, with its file in trouble too.
+// The library as a file and as a tenant of the core's process: its exports, and the log set-up from the environment
+// at load, with its file in trouble too.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mount.h>
@@ -28,9 +28,8 @@ TEST(Library, ExportsExactlyTheFourEntryPointsAtTheirVersionUnderItsSoname) {
 
 class LibraryLoad : public ChildTest {};
 
-// The two variables are read once at load. Each row loads the library, makes
-// it log at every level (an error, a warning and infos from a module folder,
-// debug lines from a device, trace lines from every call) and unloads it; the
+// The two variables are read once at load. Each row loads the library, makes it log at every level (an error, a
+// warning and infos from a module folder, debug lines from a device, trace lines from every call) and unloads it; the
 // file must hold just the levels the row names, in one complete block.
 TEST_F(LibraryLoad, LogFileAndLevelFromTheEnvironment) {
   struct Row {
@@ -56,8 +55,8 @@ TEST_F(LibraryLoad, LogFileAndLevelFromTheEnvironment) {
           // The log file must not leak into programs that the core starts.
           for (int fd = 0; row.letters != nullptr && fd < 64; ++fd)
             EXPECT_TRUE(ReadLink("/proc/self/fd/" + std::to_string(fd)) != ctx.LogPath() || fcntl(fd, F_GETFD) & FD_CLOEXEC);
-          // On a thread of its own, whose thread-local state is gone before
-          // the unload, so that nothing pins the library.
+          // On a thread of its own, whose thread-local state is gone before the unload, so that nothing pins the
+          // library.
           std::thread([&] {
             Ddi ddi{};
             EXPECT_EQ(lib->init(&ddi), KZ_ERR_NONE);
@@ -92,9 +91,8 @@ TEST_F(LibraryLoad, LogFileAndLevelFromTheEnvironment) {
   }
 }
 
-// The log file in trouble while the library runs: its file system full, the
-// file deleted, its folder made read-only, or a FIFO that nobody reads. The
-// caller goes on as before; lines that a full disk swallowed are counted in the
+// The log file in trouble while the library runs: its file system full, the file deleted, its folder made read-only,
+// or a FIFO that nobody reads. The caller goes on as before; lines that a full disk swallowed are counted in the
 // footer's dropped messages, and a line cut short does not run into the next.
 TEST_F(LibraryLoad, LogFileInTrouble) {
   for (const std::string trouble : {"full", "deleted", "read-only", "a FIFO nobody reads"}) {

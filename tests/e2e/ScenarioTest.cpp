@@ -1,6 +1,5 @@
-// Whole scenarios through the shipped library, each ending in one golden
-// transcript: what the core got back (codes, texts, records), which module
-// functions ran, and every line the library logged, in order.
+// Whole scenarios through the shipped library, each ending in one golden transcript: what the core got back (codes,
+// texts, records), which module functions ran, and every line the library logged, in order.
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
@@ -56,8 +55,8 @@ TEST_F(Scenario, EntryPointsOnAMachineWithoutDrivers) {
   }, "^(?!. DDI )|^. DDI +int16 tavik_ddi_|kernel_(init|mode)\\(.*RETURN");  // the rest: other scenarios
 }
 
-// The /dev scan: five name patterns, names it must reject, collation order,
-// cut names, a regular file, a dangling link, and the limit of 16 cameras.
+// The /dev scan: five name patterns, names it must reject, collation order, cut names, a regular file, a dangling
+// link, and the limit of 16 cameras.
 TEST_F(Scenario, KernelNodes) {
   RunScenario("kernel_nodes", "debug", [](DdiLibrary* lib) {
     for (const char* n : {"tavikPCI_0", "tavikPCI_1", "tavikPCI_2", "tavikPCI_3", "tavikPCI_4", "tavikPCI_5",
@@ -73,8 +72,8 @@ TEST_F(Scenario, KernelNodes) {
   }, "enumerate_devices|update_device_list|kernel_mode_driver\\(.*(PCI|VIRTUAL) type");
 }
 
-// One folder with every kind of module: broken ones, two of one bus, names
-// the filter must skip, files it accepts but cannot load, and good ones.
+// One folder with every kind of module: broken ones, two of one bus, names the filter must skip, files it accepts but
+// cannot load, and good ones.
 TEST_F(Scenario, UserModeModules) {
   RunScenario("modules", "info", [](DdiLibrary* lib) {
     for (const char* n : {"tavikUSB_0", "tavikSW_0", "tavik1394_0"}) MakeFifo(n);
@@ -100,9 +99,8 @@ TEST_F(Scenario, ModuleFolders) {
   }, "user_mode|Cannot scan");
 }
 
-// Device operations on a FIFO: real reads and writes, the kernel's own ENOTTY
-// for a camera request code, every state error, and the texts of each; and on
-// this process's memory file, whose first page is unmapped: reads and writes
+// Device operations on a FIFO: real reads and writes, the kernel's own ENOTTY for a camera request code, every state
+// error, and the texts of each; and on this process's memory file, whose first page is unmapped: reads and writes
 // there fail with EIO.
 TEST_F(Scenario, DeviceOperations) {
   RunScenario("device_io", "trace", [](DdiLibrary* lib) {
@@ -187,8 +185,7 @@ TEST_F(Scenario, Notifications) {
     Note("stop without start: %d", d->stop_notif_thread(d));
     const size_t fds = CountOpenFds(), threads = CountThreads();
     Note("start: %d", d->start_notif_thread(d, Record));
-    // Each batch ends once the thread waits again, counted in polls: one per
-    // batch, two where a poll fails first.
+    // Each batch ends once the thread waits again, counted in polls: one per batch, two where a poll fails first.
     int polls = 1;
     WaitUntil([&] { return cam->polls >= polls; });
     auto batch = [&](std::vector<uint32_t> types, int delivered, int failedPolls = 0) {
@@ -234,9 +231,8 @@ TEST_F(Scenario, Notifications) {
   }, "^(?!T .*_(start|stop)_notif_thread\\().*notif");  // the thread's own trace only
 }
 
-// System calls that fail on a real machine, from real causes: a descriptor limit
-// during init and open, and a storm of signals (handled without SA_RESTART)
-// that interrupts blocking reads and writes and the notification thread's poll.
+// System calls that fail on a real machine, from real causes: a descriptor limit during init and open, and a storm of
+// signals (handled without SA_RESTART) that interrupts blocking reads and writes and the notification thread's poll.
 void OnSignal(int) {}
 
 TEST_F(Scenario, FailingSystemCalls) {
@@ -256,9 +252,8 @@ TEST_F(Scenario, FailingSystemCalls) {
       struct rlimit tight = {static_cast<rlim_t>(lowest + more), old.rlim_max};
       ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
     };
-    // Once while descriptors are to spare: UndefinedBehaviorSanitizer checks a
-    // virtual call through a pipe the first time it meets the object's type, and
-    // would take a type it cannot check then for a wrong one.
+    // Once while descriptors are to spare: UndefinedBehaviorSanitizer checks a virtual call through a pipe the first
+    // time it meets the object's type, and would take a type it cannot check then for a wrong one.
     Ddi ddi{};
     ASSERT_EQ(lib->init(&ddi) | lib->uninit(&ddi), KZ_ERR_NONE);
     limitFreeFds(0);

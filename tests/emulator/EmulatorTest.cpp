@@ -1,5 +1,5 @@
-// The camera emulator as the core reaches it: the shipped library finds
-// tavik_virtual.x86_64.umd in TAVIK_UMD_PATH. Each case runs in a fresh child.
+// The camera emulator as the core reaches it: the shipped library finds tavik_virtual.x86_64.umd in TAVIK_UMD_PATH.
+// Each case runs in a fresh child.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -75,8 +75,8 @@ struct Session {
 
 class Emulator : public ChildTest {};
 
-// Each row: the fallback lines, the cameras, and a two-frame acquisition at the configured
-// rate; then the uninit stops the notification threads left running, and nothing leaks.
+// Each row: the fallback lines, the cameras, and a two-frame acquisition at the configured rate; then the uninit
+// stops the notification threads left running, and nothing leaks.
 TEST_F(Emulator, CountAndRateFromTheEnvironmentShapeALimitedAcquisition) {
   auto fallback = [](std::string var, const char* value, const char* range) {
     return "tavik_virtual: TAVIK_VIRTUAL_" + var + "='" + value + "' is not a number from 1 to " + range + "\n";
@@ -176,8 +176,8 @@ TEST_F(Emulator, StateRulesRequestCodesAndAPromptStop) {
       EXPECT_EQ(std::string(buf, 5), std::string(want, 5)) << "size " << size;
     }
     std::thread([d] { EXPECT_EQ(d->last_error_msg(d, nullptr, 0), 1u) << "another thread's text"; }).join();
-    // The notification thread waits for the first frame, whose callback holds until a stop is
-    // under way; the queue overflows meanwhile, and the stop ends the delivery after that callback.
+    // The notification thread waits for the first frame, whose callback holds until a stop is under way; the queue
+    // overflows meanwhile, and the stop ends the delivery after that callback.
     g_calls = 0;
     g_hold = 1;
     ASSERT_TRUE(d->ioctl(d, TAVIK_IOC_ACQ_ABORT, nullptr) == 0 && d->start_notif_thread(d, Record) == 0);

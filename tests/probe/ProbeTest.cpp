@@ -1,5 +1,5 @@
-// The probe's command-line contract, run as a user runs it, with the emulator's folder; the
-// sample of each output comes from a private /dev whose one camera node cannot be opened.
+// The probe's command-line contract, run as a user runs it, with the emulator's folder; the sample of each output
+// comes from a private /dev whose one camera node cannot be opened.
 #include <sys/stat.h>
 
 #include <filesystem>

@@ -1,6 +1,5 @@
-// Runs one test case in a fresh forked child, so that the shared library is
-// loaded from scratch with the environment the case chooses, and so that a
-// crash, a hang or a leaked thread stays inside that child.
+// Runs a test case in a forked child: the library loads from scratch with the case's environment, and a crash, a hang
+// or a leaked thread stays inside that child.
 #pragma once
 
 #include <functional>
@@ -20,18 +19,16 @@ struct ChildContext {
   void RecordFixtureCalls() const { setenv("TAVIK_FIXTURE_CALLS", CallsPath().c_str(), 1); }
 };
 
-// Ends the child as skipped; the parent skips the case, or fails it when
-// TAVIK_TEST_REQUIRE_NAMESPACES=1 says the run must not skip.
+// Ends the child as skipped; the parent skips the case, or fails it when TAVIK_TEST_REQUIRE_NAMESPACES=1 says the run
+// must not skip.
 [[noreturn]] void SkipChild(const std::string& reason);
 
 class ChildTest : public ::testing::Test {
  protected:
   void SetUp() override;
   void TearDown() override;
-  // Runs body in a child with a clean TAVIK_* environment and waits at most
-  // timeoutSec for it. The child leaves through exit(), so a library still
-  // loaded is torn down as at process end. True when the child passed;
-  // otherwise the case is already marked failed or skipped.
+  // Runs body in a child with a clean TAVIK_* environment, for at most timeoutSec. The child leaves through exit(),
+  // so a library still loaded is torn down as at process end. True when the child passed.
   bool RunInChild(const std::function<void(ChildContext&)>& body, int timeoutSec = 60);
   std::string ReadScratch(const std::string& name) const;
 

@@ -1,5 +1,5 @@
-// The shipped libtavikDDI loaded as the camera-control core loads it, through the
-// probe's loader: by path, with the four entry points taken at TAVIK_DDI_3.0.
+// The shipped libtavikDDI loaded as the camera-control core loads it, through the probe's loader: by path, with the
+// four entry points taken at TAVIK_DDI_3.0.
 #pragma once
 
 #include <dlfcn.h>

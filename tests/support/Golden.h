@@ -1,7 +1,5 @@
-// Whole-run expectations: a case writes what it saw (results, records, the
-// library's log) into one text, and that text must equal a golden file line
-// for line. Values that differ from run to run are normalised first, so the
-// golden file holds exact texts and order and nothing else.
+// Whole-run expectations: what a case saw (results, records, the library's log) in one text that must equal a golden
+// file; values that differ from run to run are normalised first.
 #pragma once
 
 #include <string>
@@ -12,16 +10,13 @@ namespace tavik_test {
 
 using Substitutions = std::vector<std::pair<std::string, std::string>>;
 
-// A log file as "<level> <category> <indented text>" lines: times, dates, ids,
-// pointers and elapsed microseconds become '@'.
-// The main thread's lines come first, then each other thread's, in order of
-// their first line, under a "[thread N]" heading, so that the text does not
-// depend on how the threads interleaved.
+// A log file as "<level> <category> <indented text>" lines, times, dates, ids, pointers and elapsed microseconds as
+// '@'; the main thread's lines first, then each other thread's under "[thread N]", so that the text does not depend
+// on how the threads interleaved.
 std::string NormalizeLog(const std::string& log);
 
-// Fails the current case unless actual, with each path of subs replaced by its
-// name, equals golden/<name>.txt. With TAVIK_UPDATE_GOLDEN=1 in the
-// environment the file is rewritten instead.
+// Fails the case unless actual, each path of subs replaced by its name, equals golden/<name>.txt;
+// TAVIK_UPDATE_GOLDEN=1 rewrites the file instead.
 void ExpectGolden(const std::string& name, std::string actual, const Substitutions& subs = {});
 
 }  // namespace tavik_test

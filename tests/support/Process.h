@@ -11,8 +11,8 @@ struct ProcessResult {
   std::string out, err;
 };
 
-// argv[0] is the program's path. env holds "NAME=value" entries, put before the inherited ones:
-// getenv finds them first (the dynamic loader takes the last LD_ value, so pass none of those).
+// argv[0] is the program's path. env holds "NAME=value" entries, put before the inherited ones: getenv finds them
+// first (the dynamic loader takes the last LD_ value, so pass none of those).
 ProcessResult RunProcess(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
                          int timeoutSec = 60);
 

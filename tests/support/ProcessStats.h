@@ -13,10 +13,8 @@ namespace tavik_test {
 using tavik_soak::CountEntries;
 inline size_t CountOpenFds() { return tavik_soak::Measure().fds; }
 
-// Some runtimes (ThreadSanitizer) start a helper thread with a process's first
-// thread, so one thread is started and joined first, once per process (forked
-// children too), and its task waited for: the kernel wakes a joiner before it
-// removes the exiting task.
+// ThreadSanitizer starts a helper with a process's first thread, so one thread is started and joined first, once per
+// process, and its task waited for: the kernel wakes a joiner before it removes the exiting task.
 inline size_t CountThreads() {
   static pid_t warmedUp = 0;
   if (warmedUp != getpid()) {
@@ -29,8 +27,7 @@ inline size_t CountThreads() {
   return CountEntries("/proc/self/task");
 }
 
-// The count once it equals expected, or after two seconds, so that a thread
-// that was just joined does not count and one that really stays still does.
+// The count once it equals expected, or after two seconds: a thread just joined does not count.
 inline size_t SettledThreadCount(size_t expected) {
   size_t count = CountThreads();
   for (int i = 0; i < 2000 && count != expected; ++i, count = CountEntries("/proc/self/task")) usleep(1000);

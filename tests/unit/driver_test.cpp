@@ -1,5 +1,5 @@
-// Camera-list and device-list rules on records no module or /dev gives cheaply: lists
-// with holes left by failed adds, a type that does not exist.
+// Camera-list and device-list rules on records no module or /dev gives cheaply: lists with holes left by failed adds,
+// a type that does not exist.
 #include <gtest/gtest.h>
 
 #include <cstddef>
@@ -17,8 +17,8 @@ const size_t kOperations[] = {offsetof(tavik_driver_device, open), offsetof(tavi
 
 void NeverCalled() {}
 
-// A driver record whose null-terminated list holds the given devices (-1: a hole).
-// The camera list only tests that the eight operations are there; none is called.
+// A driver record whose null-terminated list holds the given devices (-1: a hole). The camera list only tests that
+// the eight operations are there; none is called.
 struct FakeDriver {
     explicit FakeDriver(std::vector<int> slots) : devices(slots.size()) {
         void (*op)() = NeverCalled;
@@ -48,8 +48,8 @@ TEST(CameraList, WalkStopsAtTheFirstHoleAndEmptySlotsGiveNoCameras) {
 
 TEST(KernelDriver, FailedAddsLeaveHolesThatUninitStillFreesAndUnknownTypesAreRefused) {
     tavik_driver driver{};
-    // The adds of indexes 0, 3 and 4 failed: counted, never written. Uninit must
-    // still free the devices behind the holes (the leak check of the asan run).
+    // The adds of indexes 0, 3 and 4 failed: counted, never written. Uninit must still free the devices behind the
+    // holes (the leak check of the asan run).
     for (uns16 index : {1, 2, 5}) ASSERT_EQ(tavik_driver_kernel_add_new_device(&driver, index, "tavikSW", ""), QX_OK);
     const bool filled[7] = {false, true, true, false, false, true, false};
     for (int i = 0; i < 7; ++i) EXPECT_EQ(driver.device_list[i] != nullptr, filled[i]) << i;

@@ -1,5 +1,5 @@
-// Shared by the unit tests: a sink that records what the log's worker delivers and
-// can hold the worker inside a delivery, and thread counts read from /proc.
+// Shared by the unit tests: a sink that records what the log's worker delivers and can hold the worker inside a
+// delivery, and thread counts read from /proc.
 #pragma once
 
 #include <cwchar>
