@@ -86,11 +86,18 @@ foreach(via find_package pkg-config)
   endif()
 endforeach()
 
+# The four entry points at their version, nothing else exported, and the SONAME
+# that the packages are named after.
+run_checked("nm" nm -D --defined-only --with-symbol-versions "${root}/${lib}/libtavikDDI.so.3.1.88")
+string(REGEX REPLACE "[0-9a-f]+ " "" exports "${RUN_OUTPUT}")
+if(NOT exports STREQUAL "A TAVIK_DDI_3.0\nT tavik_ddi_get_last_error_message@@TAVIK_DDI_3.0\nT tavik_ddi_get_lib_version@@TAVIK_DDI_3.0\nT tavik_ddi_init@@TAVIK_DDI_3.0\nT tavik_ddi_uninit@@TAVIK_DDI_3.0\n")
+  message(FATAL_ERROR "unexpected exports:\n${RUN_OUTPUT}")
+endif()
 # The run paths that the README describes, in the build tree (which has no
-# lib/tavik/modules) and installed.
+# lib/tavik/modules) and installed, and the SONAME.
 run_checked("readelf" readelf -d "${BUILD_DIR}/lib/libtavikDDI.so.3.1.88" "${BUILD_DIR}/bin/tavik-ddi-probe"
   "${root}/${lib}/libtavikDDI.so.3.1.88" "${root}/usr/bin/tavik-ddi-probe")
 set(paths "\\(RUNPATH\\) +Library runpath: \\[\\$ORIGIN/tavik/modules\\].*\\(RPATH\\) +Library rpath: \\[\\$ORIGIN/\\.\\./lib\\]")
-if(EXISTS "${BUILD_DIR}/lib/tavik" OR NOT RUN_OUTPUT MATCHES "${paths}.*${paths}")
+if(EXISTS "${BUILD_DIR}/lib/tavik" OR NOT RUN_OUTPUT MATCHES "\\(SONAME\\) +Library soname: \\[libtavikDDI\\.so\\.3\\]\n.*${paths}.*${paths}")
   message(FATAL_ERROR "a build-tree lib/tavik, or unexpected run paths:\n${RUN_OUTPUT}")
 endif()
