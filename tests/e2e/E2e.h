@@ -37,12 +37,6 @@ __attribute__((format(printf, 1, 2))) inline void Note(const char* format, ...) 
   g_notes += std::string(line) + "\n";
 }
 
-inline std::string DeviceText(tavik_driver_device* d) {
-  char buf[512] = "";
-  d->last_error_msg(d, buf, sizeof buf);
-  return buf;
-}
-
 // The record as the core sees it after init or uninit.
 inline void NoteDdi(const Ddi& ddi) {
   Note("ddi state %d, cam_count %u", static_cast<int>(ddi.state), ddi.cam_count);

@@ -98,11 +98,10 @@ TEST_F(ProbeCli, ExitStatusAndMessageForEachKindOfFailure) {
   const std::string missing = "/nonexistent/libtavikDDI.so.3", badWatch = "--watch: SECONDS must be a number above 0";
   const struct { std::vector<std::string> args; int exit; std::vector<std::string> needles; } rows[] = {
       {{"--help"}, 0, {"--library", "--umd-path", "--log", "--log-level", "--open", "--watch", "--json", "Exit status"}},
-      {{"--umd-path", kModules}, 0, {"  virtual:tavikSW_0\n", "\nUninit: 0 (KZ_ERR_NONE)\n"}},
       {{"--library", missing}, 2, {"tavik-ddi-probe: cannot load '" + missing + "': "}},
       {{"--json", "--library", missing}, 2, {"{\"error\":\"cannot load '" + missing, "\"exit_status\":2}"}},
       {{"--library", "libm.so.6"}, 2, {"entry point tavik_ddi_init@TAVIK_DDI_3.0 not found"}},
-      {{"--watch", "0"}, 1, {badWatch}}, {{"--watch", "nan"}, 1, {badWatch}}, {{"--watch", "2s"}, 1, {badWatch}},
+      {{"--watch", "0"}, 1, {badWatch}}, {{"--watch", "2s"}, 1, {badWatch}},
       {{"--umd-path", "/nonexistent"}, 1, {"--umd-path: Directory does not exist"}}, {{"--log", ""}, 1, {"--log"}},
       {{"--library", ""}, 1, {"--library"}}, {{"--no-such-option"}, 1, {"--no-such-option"}}};
   for (const auto& row : rows) {

@@ -1,6 +1,5 @@
 #include "ChildProcess.h"
 
-#include <ftw.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -44,18 +43,16 @@ std::string ReadLink(const std::string& path) {
   return std::filesystem::read_symlink(path, ec).string();
 }
 
-void RemoveTree(const std::string& path) {
-  nftw(path.c_str(), [](const char* p, const struct stat*, int, struct FTW*) { return remove(p) * 0; }, 16,
-       FTW_DEPTH | FTW_PHYS);
-}
-
 void ChildTest::SetUp() {
   std::string pattern = "/tmp/tavik-test-XXXXXX";
   ASSERT_NE(mkdtemp(pattern.data()), nullptr) << std::strerror(errno);
   ctx_.tmp = pattern;
 }
 
-void ChildTest::TearDown() { RemoveTree(ctx_.tmp); }
+void ChildTest::TearDown() {
+  std::error_code ec;
+  std::filesystem::remove_all(ctx_.tmp, ec);
+}
 
 std::string ChildTest::ReadScratch(const std::string& name) const { return ReadFile(ctx_.tmp + "/" + name); }
 

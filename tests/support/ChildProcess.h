@@ -38,6 +38,5 @@ class ChildTest : public ::testing::Test {
 std::string ReadFile(const std::string& path);  // empty when it cannot be read
 void WriteFile(const std::string& path, const std::string& content);
 std::string ReadLink(const std::string& path);  // empty when it is no link
-void RemoveTree(const std::string& path);
 
 }  // namespace tavik_test
