@@ -1,8 +1,6 @@
-# Builds the Debian packages and checks them as a rig meets them: contents,
-# Depends, lintian, what an unpacked kit finds with no variable set, two cores
-# built against the unpacked -dev package, and the run paths that the README
-# names. Inputs: BUILD_DIR, WORK_DIR, CPACK, LIBDIR, VERSION, SOURCE_DIR,
-# C_COMPILER, GENERATOR.
+# Builds the Debian packages and checks them as a rig meets them: contents, Depends, lintian, what an unpacked
+# kit finds with no variable set, two cores built against the unpacked -dev package, and the run paths that
+# the README names. Inputs: BUILD_DIR, WORK_DIR, CPACK, LIBDIR, VERSION, SOURCE_DIR, C_COMPILER, GENERATOR.
 include(${CMAKE_CURRENT_LIST_DIR}/RunChecked.cmake)
 
 file(REMOVE_RECURSE "${WORK_DIR}")
@@ -44,9 +42,8 @@ if(debs OR NOT depends MATCHES
   message(FATAL_ERROR "unexpected packages '${debs}' or Depends:\n${depends}")
 endif()
 
-# A rig with the runtime and the probe lists no virtual camera; the emulator
-# package makes it appear. The staged probe must load the staged library, and
-# that library find the staged emulator, with no variable set.
+# A rig with the runtime and the probe lists no virtual camera; the emulator package makes it appear. The
+# staged probe must load the staged library, and that library find the staged emulator, with no variable set.
 function(expect_staged_probe want)
   run_checked("staged probe" "${root}/usr/bin/tavik-ddi-probe" --json)
   string(JSON library GET "${RUN_OUTPUT}" library path)
@@ -67,9 +64,9 @@ expect_staged_probe("'' 0")
 run_checked("dpkg-deb -x emulator" dpkg-deb -x "${WORK_DIR}/tavik-ddi-emulator_${VERSION}_amd64.deb" "${root}")
 expect_staged_probe("'${root}/${lib}/tavik/modules/tavik_virtual.x86_64.umd' 1")
 
-# A core built with find_package and one built with pkg-config against the
-# unpacked -dev package: both files locate the prefix from their own place, and
-# the loader must find the unpacked library from what the build recorded.
+# A core built with find_package and one built with pkg-config against the unpacked -dev package: both files
+# locate the prefix from their own place, and the loader must find the unpacked library from what the build
+# recorded.
 run_checked("dpkg-deb -x dev" dpkg-deb -x "${WORK_DIR}/libtavikddi-dev_${VERSION}_amd64.deb" "${root}")
 run_checked("consumer configure" ${CMAKE_COMMAND} -S "${SOURCE_DIR}/consumer" -B "${WORK_DIR}/consumer"
   -G "${GENERATOR}" "-DCMAKE_PREFIX_PATH=${root}/usr" "-DCMAKE_C_COMPILER=${C_COMPILER}")
@@ -86,15 +83,15 @@ foreach(via find_package pkg-config)
   endif()
 endforeach()
 
-# The four entry points at their version, nothing else exported, and the SONAME
-# that the packages are named after.
+# The four entry points at their version, nothing else exported, and the SONAME that the packages are named
+# after.
 run_checked("nm" nm -D --defined-only --with-symbol-versions "${root}/${lib}/libtavikDDI.so.3.1.88")
 string(REGEX REPLACE "[0-9a-f]+ " "" exports "${RUN_OUTPUT}")
 if(NOT exports STREQUAL "A TAVIK_DDI_3.0\nT tavik_ddi_get_last_error_message@@TAVIK_DDI_3.0\nT tavik_ddi_get_lib_version@@TAVIK_DDI_3.0\nT tavik_ddi_init@@TAVIK_DDI_3.0\nT tavik_ddi_uninit@@TAVIK_DDI_3.0\n")
   message(FATAL_ERROR "unexpected exports:\n${RUN_OUTPUT}")
 endif()
-# The run paths that the README describes, in the build tree (which has no
-# lib/tavik/modules) and installed, and the SONAME.
+# The run paths that the README describes, in the build tree (which has no lib/tavik/modules) and installed,
+# and the SONAME.
 run_checked("readelf" readelf -d "${BUILD_DIR}/lib/libtavikDDI.so.3.1.88" "${BUILD_DIR}/bin/tavik-ddi-probe"
   "${root}/${lib}/libtavikDDI.so.3.1.88" "${root}/usr/bin/tavik-ddi-probe")
 set(paths "\\(RUNPATH\\) +Library runpath: \\[\\$ORIGIN/tavik/modules\\].*\\(RPATH\\) +Library rpath: \\[\\$ORIGIN/\\.\\./lib\\]")

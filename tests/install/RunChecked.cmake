@@ -1,5 +1,5 @@
-# For the install and package checks: steps that must succeed, in an environment
-# where nothing from the caller's shell steers the library.
+# For the install and package checks: steps that must succeed, in an environment where nothing from the
+# caller's shell steers the library.
 cmake_minimum_required(VERSION 3.25)
 function(run_checked what)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
