@@ -10,7 +10,6 @@
 
 #include "error/LastError.h"
 #include "error/tavik_error_strings.h"
-#include "log/StringUtils.h"
 #include "names/EnumUtils.h"
 #include "names/bridgecom_strings.h"
 #include "names/drivercom_caps_strings.h"
@@ -35,12 +34,11 @@ std::string Format(const char* format, ...) {
 
 TEST(LogUtils, FormattingHexDumpsAndErrorTexts) {
     const std::string big(100000, 'q');
-    const unsigned char bytes[] = {1, 2, 10, 0x7F, 0, 255, 0xAB};
+    const unsigned char bytes[] = {1, 2, 10};
     const std::pair<std::string, std::string> cases[] = {
         {Format("ab%cde", 0), "ab"}, {Format("[%s]", big.c_str()), "[" + big + "]"}, // a NUL ends the text
         {LogUtils::FormatByteArrayToHexString(bytes, 3), "0x01,0x02,0x0A"},
         {LogUtils::FormatByteArrayToHexString(nullptr, 5) + LogUtils::FormatByteArrayToHexString(bytes, 0), ""},
-        {kt::StringUtils::ByteArrayToHexString(bytes + 4, 3, ", "), "0x00, 0xFF, 0xAB"},
         {LogUtils::GetErrorString(ENOENT), "No such file or directory"},
         {LogUtils::GetErrorString(123456), "Unknown error 123456"},
         {LogUtils::GetLibFullFileNameByHandle(nullptr), "Failed to get library full name (invalid handle)"}};
@@ -97,11 +95,8 @@ TEST(ErrorCodes, KnownRangesAreNamedTheRestIsUnknownAndOnly16BitsCount) {
     }
     const std::pair<uint32_t, const char*> spots[] = {
         {0, "No error (KZ_ERR_NONE)"},
-        {8, "A mis-configuration of interface bus has occurred (KZ_ERR_BC_INVALID_CAM_SPEED)"},
         {18, "Parameter permission does not allow that operation (KZ_ERR_BC_PARAMETER_PERMISSION)"},
-        {129, "Operation is pending (KZ_ERR_BC_PENDING)"},
-        {150, "Unexpected or unknown error (KZ_ERR_UNKNOWN)"}, {177, "This device is not open yet (KZ_ERR_DEVICE_NOT_OPEN)"},
-        {193, "Incompatible DDI library, installation corrupted (KZ_ERR_DDI_LIBRARY_INCOMPATIBLE)"},
+        {129, "Operation is pending (KZ_ERR_BC_PENDING)"}, {177, "This device is not open yet (KZ_ERR_DEVICE_NOT_OPEN)"},
         {203, "Waiting on driver device event timed out (KZ_ERR_DDI_EVENT_WAIT_TIMEOUT)"}};
     for (const auto& [code, message] : spots) {
         EXPECT_EQ(GetErrMessage(code), std::string(message)) << code;
