@@ -201,10 +201,12 @@ TEST_F(Scenario, Notifications) {
     batch({NOTIFICATION_ACK_FLUSH, NOTIFICATION_COMPLETE, NOTIFICATION_EOF}, 7);
     cam->FailRequests(EINTR, 1);  // a request cut short by a signal fails like any other
     batch({NOTIFICATION_BOF}, 7);
-    cam->FailPolls(0, 1);  // a device error: the thread waits again (a poll cut short by a signal: system_calls)
-    batch({NOTIFICATION_BOF}, 8, 1);
+    cam->FailPolls(EINTR, 1);
+    batch({NOTIFICATION_EOF}, 8, 1);
+    cam->FailPolls(0, 1);  // a device error: the thread waits again
+    batch({NOTIFICATION_BOF}, 9, 1);
     cam->FailPolls(EAGAIN, 1);
-    batch({NOTIFICATION_EOF}, 9, 1);  // the thread is blocked in poll again: stop must wake it
+    batch({NOTIFICATION_EOF}, 10, 1);  // the thread is blocked in poll again: stop must wake it
     Note("host side: capacity %d, count before %d, record size %d, version %d", cam->capacity.load(),
          cam->countBefore.load(), cam->recordSize.load(), cam->recordVersion.load());
     Note("stop: %d", d->stop_notif_thread(d));
