@@ -153,7 +153,7 @@ TEST_F(FailingAllocations, EachOneLeavesACleanProcessAndAKnownCode) {
         Keep(uninit(&ddi));
         dlclose(handle);
       }
-      dlerror();  // after a failed load: the loader frees its text only when asked again
+      dlerror(), dlerror();  // a failed load's text: the loader frees it only on the call after the one that takes it
       __atomic_store_n(&g_failAt, 0, __ATOMIC_SEQ_CST);
       WriteFile(ctx.tmp + "/reached", std::to_string(__atomic_load_n(&g_count, __ATOMIC_SEQ_CST)));
       for (int i = 0; i < g_nCodes; ++i)  // codes of the error table only
