@@ -1,5 +1,6 @@
 #include "log/Log.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <exception>
@@ -138,6 +139,7 @@ void Log::Stop() {
             return;
         }
         m_stop = true;
+        m_stopHint.store(true, std::memory_order_relaxed);
     }
     m_queueCond.notify_one();
     if (thread->joinable()) {
@@ -176,6 +178,7 @@ void Log::Enqueue(EntryPtr entry) {
                 return; // the entry is destroyed after the mutex is released
             }
             m_queue.push_back(std::move(entry));
+            NoteQueueSize();
             wake = m_workerWaiting;
             for (int i = 0; i < 2 && m_returned != nullptr; ++i) {
                 ReturnedBlock* block = m_returned;
@@ -340,6 +343,7 @@ void Log::QueueOverloadReport(const TimePoint& overloadStart) {
         EntryPtr report(new (std::nothrow) LogEntry("***", LogEntry::Warning, 0, std::move(text)));
         if (report) {
             m_queue.push_back(std::move(report));
+            NoteQueueSize();
         }
     } catch (...) {
         // The report is lost; the overload state is left all the same.
@@ -349,48 +353,32 @@ void Log::QueueOverloadReport(const TimePoint& overloadStart) {
     m_droppedCount = 0;
 }
 
+bool Log::OverloadedAfterTaking(size_t index) {
+    // The entries taken after this one are still queued.
+    return m_queue.size() + (m_takenCount - index - 1) > kOverloadThreshold;
+}
+
 void Log::ThreadFunc() {
     std::string spareLine;
     std::string spareMessage;
     std::unique_lock<std::mutex> lock(m_queueMutex, std::defer_lock);
     LockSpinning(lock);
     TimePoint overloadStart = Now();
-    // Delivered entries' slots go back to the pool in batches, so that the worker
-    // takes the pool's mutex once for many entries instead of once for each.
-    LogEntryPool::Slot* batchFirst = nullptr;
-    LogEntryPool::Slot* batchLast = nullptr;
-    size_t batchSize = 0;
+    // Delivered entries' slots go back to the pool in batches: one exchange on the
+    // pool's top for many entries, and their links written together.
+    LogEntryPool::SlotId released[kReleaseBatch];
+    size_t releasedCount = 0;
     const auto releaseBatch = [&] {
-        if (batchFirst != nullptr) {
-            m_pool.Release(batchFirst, batchLast);
-            batchFirst = batchLast = nullptr;
-            batchSize = 0;
+        if (releasedCount != 0) {
+            m_pool.Release(released, releasedCount);
+            releasedCount = 0;
         }
     };
-    while (!m_stop) {
-        if (m_queue.empty()) {
-            if (m_dropping) {
-                QueueOverloadReport(overloadStart);
-                continue;
-            }
-            releaseBatch();
-            m_drainedCond.notify_all();
-            m_workerWaiting = true;
-            m_queueCond.wait(lock, [this] { return m_stop || !m_queue.empty(); });
-            m_workerWaiting = false;
-            if (m_stop) {
-                break;
-            }
-        }
-        EntryPtr entry = std::move(m_queue.front());
-        m_queue.pop_front();
-        if (m_queue.size() > kOverloadThreshold) {
-            m_dropping = true;
-            m_droppingHint.store(true, std::memory_order_relaxed);
-            overloadStart = Now();
-        }
-        m_delivering = true;
-        lock.unlock();
+    // Memory of the C allocator on its way back to the producers (see m_returned),
+    // handed over under the mutex once the taken entries are delivered.
+    ReturnedBlock* returned = nullptr;
+    size_t returnedCount = 0;
+    const auto deliver = [&](EntryPtr entry) {
         // The entry's texts borrow the worker's buffers while it is delivered and
         // hand them back, so that after the first lines formatting allocates nothing.
         const bool captured = entry->IsCaptured();
@@ -409,42 +397,88 @@ void Log::ThreadFunc() {
         if (captured) {
             spareMessage = std::move(entry->m_message);
         }
-        if (entry->Pool() == &m_pool) {
-            LogEntry* delivered = entry.release();
-            delivered->~LogEntry();
-            auto* slot = reinterpret_cast<LogEntryPool::Slot*>(delivered);
-            slot->next = batchFirst;
-            batchFirst = slot;
-            if (batchLast == nullptr) {
-                batchLast = slot;
-            }
-            if (++batchSize == kReleaseBatch) {
+        LogEntry* delivered = entry.release();
+        const bool pooled = delivered->Pool() == &m_pool;
+        const LogEntryPool::SlotId slot = delivered->PoolSlot();
+        delivered->~LogEntry();
+        if (pooled) {
+            released[releasedCount++] = slot;
+            if (releasedCount == kReleaseBatch) {
                 releaseBatch();
             }
+        } else if (m_returnedCount.load(std::memory_order_relaxed) + returnedCount >= kMaxReturned) {
+            // Producers have not been back for a long while: free it here.
+            std::free(delivered);
+        } else {
+            returned = new (static_cast<void*>(delivered)) ReturnedBlock{returned};
+            ++returnedCount;
         }
-        // Memory of the C allocator goes back to the producers (see m_returned).
-        ReturnedBlock* block = nullptr;
-        if (entry) {
-            LogEntry* delivered = entry.release();
-            delivered->~LogEntry();
-            block = new (static_cast<void*>(delivered)) ReturnedBlock{nullptr};
-            if (m_returnedCount.load(std::memory_order_relaxed) >= kMaxReturned) {
-                // Producers have not been back for a long while: free it here.
-                std::free(block);
-                block = nullptr;
+    };
+    while (!m_stop) {
+        if (returned != nullptr) {
+            ReturnedBlock* last = returned;
+            while (last->next != nullptr) {
+                last = last->next;
             }
+            last->next = m_returned;
+            m_returned = returned;
+            m_returnedCount.store(m_returnedCount.load(std::memory_order_relaxed) + returnedCount,
+                                  std::memory_order_relaxed);
+            returned = nullptr;
+            returnedCount = 0;
+        }
+        if (m_queue.empty()) {
+            if (m_dropping) {
+                QueueOverloadReport(overloadStart);
+                continue;
+            }
+            releaseBatch();
+            m_drainedCond.notify_all();
+            m_workerWaiting = true;
+            m_queueCond.wait(lock, [this] { return m_stop || !m_queue.empty(); });
+            m_workerWaiting = false;
+            if (m_stop) {
+                break;
+            }
+        }
+        const size_t taken = std::min(m_queue.size(), kTakeBatch);
+        for (size_t i = 0; i < taken; ++i) {
+            m_taken[i] = std::move(m_queue.front());
+            m_queue.pop_front();
+        }
+        m_takenCount = taken;
+        m_takenNext.store(0, std::memory_order_relaxed);
+        NoteQueueSize();
+        m_delivering = true;
+        lock.unlock();
+        for (;;) {
+            if (m_stopHint.load(std::memory_order_relaxed)) {
+                break; // what is left is destroyed with the log
+            }
+            const size_t index = m_takenNext.fetch_add(1, std::memory_order_relaxed);
+            if (index >= taken) {
+                break; // all delivered, or a flush discarded the rest
+            }
+            EntryPtr entry = std::move(m_taken[index]);
+            // Each taken entry leaves the queue only now, and the overload rule
+            // looks at what its removal leaves, as it would have one by one.
+            if (m_nearThreshold.load(std::memory_order_relaxed)) {
+                LockSpinning(lock);
+                if (OverloadedAfterTaking(index)) {
+                    m_dropping = true;
+                    m_droppingHint.store(true, std::memory_order_relaxed);
+                    overloadStart = Now();
+                }
+                lock.unlock();
+            }
+            deliver(std::move(entry));
         }
         LockSpinning(lock);
         m_delivering = false;
-        if (block != nullptr) {
-            block->next = m_returned;
-            m_returned = block;
-            m_returnedCount.store(m_returnedCount.load(std::memory_order_relaxed) + 1,
-                                  std::memory_order_relaxed);
-        }
     }
     lock.unlock();
     releaseBatch();
+    FreeBlocks(returned);
     m_drainedCond.notify_all();
 }
 
@@ -481,11 +515,29 @@ uint64_t Log::Flush(uint64_t timeLimitMs) {
             }
         }
         count = m_queue.size();
-        m_discardedTotal += count;
         discarded.swap(m_queue);
+        NoteQueueSize();
+        count += DiscardTaken(discarded);
+        m_discardedTotal += count;
     }
     // What is left is never delivered; it is freed outside the lock so that
     // producers are not held up by a large backlog.
+    return count;
+}
+
+uint64_t Log::DiscardTaken(std::deque<EntryPtr>& discarded) {
+    // From here on the worker's claims fail: it delivers nothing more of what it
+    // has taken (at most the entry it is delivering now).
+    const size_t next = m_takenNext.exchange(kTakeBatch, std::memory_order_relaxed);
+    uint64_t count = 0;
+    for (size_t i = next; i < m_takenCount; ++i) {
+        try {
+            discarded.push_back(std::move(m_taken[i]));
+        } catch (...) {
+            m_taken[i].reset(); // no room to defer it: destroyed under the mutex
+        }
+        ++count;
+    }
     return count;
 }
 

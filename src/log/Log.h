@@ -112,6 +112,18 @@ private:
     void ThreadFunc();
     void QueueOverloadReport(const TimePoint& overloadStart);
     bool IsDrained() const { return m_queue.empty() && !m_delivering; }
+    // Keeps m_nearThreshold in step with the queue's size (under m_queueMutex).
+    void NoteQueueSize() {
+        const bool near = m_queue.size() > kOverloadThreshold - kTakeBatch;
+        if (m_nearThreshold.load(std::memory_order_relaxed) != near) {
+            m_nearThreshold.store(near, std::memory_order_relaxed);
+        }
+    }
+    // Whether the removal of the taken entry at `index` leaves the log overloaded.
+    bool OverloadedAfterTaking(size_t index);
+    // Moves what the worker has taken and not yet begun to deliver into
+    // `discarded`, for the caller to destroy outside the lock, and counts it.
+    uint64_t DiscardTaken(std::deque<EntryPtr>& discarded);
 
     LogEntry::Level m_level;
     std::vector<std::weak_ptr<ILogListener>> m_listeners;
@@ -121,6 +133,18 @@ private:
     // destroyed give their memory back before the pool frees it.
     LogEntryPool m_pool;
     std::deque<EntryPtr> m_queue;
+    // The worker takes entries off the queue several at a time, so that it takes
+    // the queue mutex once for many entries rather than for each: every time it
+    // takes it, the producers' next lock finds the mutex's cache line on the other
+    // core. Taken entries still count as queued: for the overload rule, for a flush
+    // that discards what is left, and for Stop, which ends the delivery after the
+    // entry at hand. m_takenCount is guarded by m_queueMutex; each entry from
+    // m_takenNext on is claimed by one fetch_add, by the worker to deliver it or by
+    // a flush to discard the rest, so the two never touch the same entry.
+    static constexpr size_t kTakeBatch = 32;
+    EntryPtr m_taken[kTakeBatch];
+    size_t m_takenCount = 0;
+    std::atomic<size_t> m_takenNext{0};
     std::mutex m_queueMutex;
     std::condition_variable m_queueCond;
     std::condition_variable m_drainedCond;
@@ -128,6 +152,10 @@ private:
     // m_dropping for a look without the mutex: while the log drops, a caller
     // counts its entry without capturing it first.
     std::atomic<bool> m_droppingHint{false};
+    // Whether the queue holds so many entries that the overload rule may apply to
+    // the worker's next removal: below it, the queue and the taken entries together
+    // stay within the threshold, and the worker need not look at the queue's size.
+    std::atomic<bool> m_nearThreshold{false};
     uint64_t m_droppedCount = 0;
     // Since the log was made, for GetCounts (guarded by m_queueMutex, except the
     // losses, which the worker and the sinks report without it).
@@ -137,7 +165,9 @@ private:
     // is atomic; created and cleared under m_queueMutex.
     std::atomic<std::thread*> m_thread{nullptr};
     bool m_stop = false;
-    // True while the worker delivers an entry it has taken off the queue: a flush
+    // m_stop for the worker between taken entries, without the mutex.
+    std::atomic<bool> m_stopHint{false};
+    // True while the worker delivers the entries it has taken off the queue: a flush
     // must not report an empty queue while the last line is still being written.
     bool m_delivering = false;
     // True while the worker waits for entries (guarded by m_queueMutex).

@@ -105,7 +105,8 @@ LogEntry* LogEntry::Create(const char* category, Level level, uint16_t depth,
     }
     const size_t captureSize = message.Size();
     const size_t size = sizeof(LogEntry) + captureSize;
-    void* memory = pool != nullptr ? pool->Allocate(size) : nullptr;
+    LogEntryPool::SlotId slot = 0;
+    void* memory = pool != nullptr ? pool->Allocate(size, &slot) : nullptr;
     if (memory == nullptr) {
         pool = nullptr;
         memory = std::malloc(size);
@@ -119,13 +120,14 @@ LogEntry* LogEntry::Create(const char* category, Level level, uint16_t depth,
     } catch (...) {
         // a long category that found no memory
         if (pool != nullptr) {
-            pool->Release(memory);
+            pool->Release(slot);
         } else {
             std::free(memory);
         }
         return nullptr;
     }
     entry->m_pool = pool;
+    entry->m_poolSlot = slot;
     message.CopyTo(reinterpret_cast<unsigned char*>(entry + 1));
     return entry;
 }
@@ -135,9 +137,10 @@ void LogEntry::Destroy(LogEntry* entry) noexcept {
         return;
     }
     LogEntryPool* pool = entry->m_pool;
+    const LogEntryPool::SlotId slot = entry->m_poolSlot;
     entry->~LogEntry();
     if (pool != nullptr) {
-        pool->Release(entry);
+        pool->Release(slot);
     } else {
         std::free(entry);
     }

@@ -5,12 +5,12 @@
 #include <new>
 #include <string>
 
+#include "log/LogEntryPool.h"
 #include "log/LogUtils.h"
 
 namespace kt {
 
 class LogCapture;
-class LogEntryPool;
 
 // One logged record; the worker turns it into the output line that the sinks write.
 //
@@ -44,6 +44,7 @@ public:
     // Whether the message is rendered from a capture by FormatMessage.
     bool IsCaptured() const noexcept { return m_captureSize != 0; }
     const LogEntryPool* Pool() const noexcept { return m_pool; }
+    LogEntryPool::SlotId PoolSlot() const noexcept { return m_poolSlot; }
 
     static void* operator new(std::size_t size);
     static void* operator new(std::size_t size, const std::nothrow_t&) noexcept;
@@ -58,6 +59,13 @@ public:
     Level m_level;
     uint32_t m_pid;
     uint32_t m_tid;
+
+private:
+    // Where m_pool holds the entry; declared here, where it fills what would
+    // otherwise be padding, so that the captured bytes keep their room in a slot.
+    LogEntryPool::SlotId m_poolSlot = 0;
+
+public:
     TimePoint m_time;
     uint16_t m_depth;
     std::string m_message;

@@ -1,6 +1,7 @@
 #include "log/LogEntryPool.h"
 
 #include <cstdlib>
+#include <new>
 
 #include "log/Log.h"
 
@@ -15,74 +16,98 @@
 
 namespace kt {
 
-namespace {
-
-// A free slot keeps its link readable and the rest poisoned, so that AddressSanitizer
+// A free slot is poisoned whole (its link is elsewhere), so that AddressSanitizer
 // still reports a use of an entry after its memory went back to the pool.
-void PoisonSlot(LogEntryPool::Slot* slot) {
-    TAVIK_POISON(reinterpret_cast<unsigned char*>(slot) + sizeof(LogEntryPool::Slot),
-                 LogEntryPool::kSlotSize - sizeof(LogEntryPool::Slot));
-}
-
-} // namespace
 
 LogEntryPool::~LogEntryPool() {
-    for (size_t i = 0; i < m_chunkCount; ++i) {
-        TAVIK_UNPOISON(m_chunks[i], kSlotSize * kSlotsPerChunk);
+    const size_t count = m_chunkCount.load(std::memory_order_relaxed);
+    for (size_t i = 0; i < count; ++i) {
+        TAVIK_UNPOISON(m_chunks[i], kSlotBytes);
         std::free(m_chunks[i]);
     }
 }
 
 bool LogEntryPool::Grow() noexcept {
-    if (m_chunkCount == kMaxChunks) {
-        return false;
+    if (m_chunkCount.load(std::memory_order_relaxed) == kMaxChunks) {
+        return false; // at its bound: no need to wait for the lock to learn it
     }
-    auto* chunk = static_cast<unsigned char*>(std::malloc(kSlotSize * kSlotsPerChunk));
-    if (chunk == nullptr) {
-        return false;
+    try {
+        Log::LockGuard lock(m_growMutex);
+        if (static_cast<uint32_t>(m_top.load(std::memory_order_acquire)) != 0) {
+            return true; // another producer grew the pool, or slots came back
+        }
+        const size_t index = m_chunkCount.load(std::memory_order_relaxed);
+        if (index == kMaxChunks) {
+            return false;
+        }
+        auto* chunk = static_cast<unsigned char*>(
+            std::malloc(kSlotBytes + kSlotsPerChunk * sizeof(std::atomic<uint32_t>)));
+        if (chunk == nullptr) {
+            return false;
+        }
+        auto* links = reinterpret_cast<std::atomic<uint32_t>*>(chunk + kSlotBytes);
+        const auto first = static_cast<SlotId>(index * kSlotsPerChunk);
+        for (size_t i = 0; i < kSlotsPerChunk; ++i) {
+            // Each slot links to the one after it; Push sets the last one's link.
+            new (&links[i]) std::atomic<uint32_t>(static_cast<uint32_t>(first + i + 2));
+        }
+        TAVIK_POISON(chunk, kSlotBytes);
+        m_chunks[index] = chunk;
+        m_chunkCount.store(index + 1, std::memory_order_relaxed);
+        Push(first, static_cast<SlotId>(first + kSlotsPerChunk - 1));
+        return true;
+    } catch (...) {
+        return false; // a mutex that cannot be taken: the caller allocates
     }
-    m_chunks[m_chunkCount++] = chunk;
-    for (size_t i = kSlotsPerChunk; i-- > 0;) {
-        Slot* slot = reinterpret_cast<Slot*>(chunk + i * kSlotSize);
-        slot->next = m_free;
-        m_free = slot;
-        PoisonSlot(slot);
-    }
-    return true;
 }
 
-void* LogEntryPool::Allocate(size_t size) noexcept {
+void LogEntryPool::Push(SlotId first, SlotId last) noexcept {
+    uint64_t top = m_top.load(std::memory_order_relaxed);
+    uint64_t desired = 0;
+    do {
+        Link(last).store(static_cast<uint32_t>(top), std::memory_order_relaxed);
+        desired = (((top >> 32) + 1) << 32) | (first + 1ULL);
+        // Release: the links and the slots' last use come before anyone who takes them.
+    } while (!m_top.compare_exchange_weak(top, desired, std::memory_order_release,
+                                          std::memory_order_relaxed));
+}
+
+void* LogEntryPool::Allocate(size_t size, SlotId* id) noexcept {
     if (size > kSlotSize) {
         return nullptr;
     }
-    try {
-        Log::LockGuard lock(m_mutex);
-        if (m_free == nullptr && !Grow()) {
-            return nullptr;
+    uint64_t top = m_top.load(std::memory_order_acquire);
+    for (;;) {
+        const auto topSlot = static_cast<uint32_t>(top);
+        if (topSlot == 0) {
+            if (!Grow()) {
+                return nullptr;
+            }
+            top = m_top.load(std::memory_order_acquire);
+            continue;
         }
-        Slot* slot = m_free;
-        m_free = slot->next;
-        TAVIK_UNPOISON(slot, kSlotSize);
-        return slot;
-    } catch (...) {
-        return nullptr; // a mutex that cannot be taken: the caller allocates
+        // The link may be stale if the slot is taken meanwhile; the count in the
+        // top then makes the exchange fail.
+        const uint32_t next = Link(topSlot - 1).load(std::memory_order_relaxed);
+        const uint64_t desired = (((top >> 32) + 1) << 32) | next;
+        if (m_top.compare_exchange_weak(top, desired, std::memory_order_acquire,
+                                        std::memory_order_acquire)) {
+            *id = topSlot - 1;
+            unsigned char* slot = SlotAddress(topSlot - 1);
+            TAVIK_UNPOISON(slot, kSlotSize);
+            return slot;
+        }
     }
 }
 
-void LogEntryPool::Release(Slot* first, Slot* last) noexcept {
-#if defined(__SANITIZE_ADDRESS__)
-    for (Slot* slot = first; slot != last; slot = slot->next) {
-        PoisonSlot(slot);
+void LogEntryPool::Release(const SlotId* ids, size_t count) noexcept {
+    for (size_t i = 0; i < count; ++i) {
+        TAVIK_POISON(SlotAddress(ids[i]), kSlotSize);
+        if (i + 1 < count) {
+            Link(ids[i]).store(ids[i + 1] + 1, std::memory_order_relaxed);
+        }
     }
-    PoisonSlot(last);
-#endif
-    try {
-        Log::LockGuard lock(m_mutex);
-        last->next = m_free;
-        m_free = first;
-    } catch (...) {
-        // The slots stay unused until the pool frees their chunks.
-    }
+    Push(ids[0], ids[count - 1]);
 }
 
 } // namespace kt

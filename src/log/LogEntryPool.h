@@ -1,6 +1,8 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <mutex>
 
 namespace kt {
@@ -12,6 +14,14 @@ namespace kt {
 // faults on the caller's path again. The pool grows by chunks up to kMaxSlots and
 // keeps them until it is destroyed; entries that are larger, or that arrive while
 // every slot is taken, use the C allocator as before.
+//
+// Taking a slot takes no lock. A producer holding the pool's lock could be
+// preempted, and every other producer would then wait for the scheduler to bring
+// it back; the free slots are instead a stack whose top is swapped with one
+// compare-exchange. Each slot's link to the next free one lives beside the slots,
+// not in them, so that a producer reading a link never races with the entry that
+// another producer is writing into that slot, and so that a pop reads one array
+// the worker wrote in a batch rather than a line of each slot it touched.
 class LogEntryPool {
 public:
     static constexpr size_t kSlotSize = 256;
@@ -19,36 +29,45 @@ public:
     static constexpr size_t kMaxChunks = 128;
     static constexpr size_t kMaxSlots = kSlotsPerChunk * kMaxChunks;
 
-    // A batch of released slots, linked through their first bytes.
-    struct Slot {
-        Slot* next;
-    };
+    // A slot's number: its chunk times kSlotsPerChunk plus its place in the chunk.
+    using SlotId = uint32_t;
 
     LogEntryPool() noexcept = default;
     ~LogEntryPool();
     LogEntryPool(const LogEntryPool&) = delete;
     LogEntryPool& operator=(const LogEntryPool&) = delete;
 
-    // A slot for `size` bytes; null when the size does not fit a slot, or when
-    // the pool is exhausted or cannot grow.
-    void* Allocate(size_t size) noexcept;
-    // Gives back a batch of slots from `first` to `last` (linked through Slot).
-    void Release(Slot* first, Slot* last) noexcept;
-    void Release(void* slot) noexcept {
-        Slot* s = static_cast<Slot*>(slot);
-        s->next = nullptr;
-        Release(s, s);
-    }
+    // A slot for `size` bytes, and its number in *id; null when the size does not
+    // fit a slot, or when the pool is exhausted or cannot grow.
+    void* Allocate(size_t size, SlotId* id) noexcept;
+    // Gives back `count` (at least one) slots by their numbers, all in one step.
+    void Release(const SlotId* ids, size_t count) noexcept;
+    void Release(SlotId id) noexcept { Release(&id, 1); }
 
 private:
-    bool Grow() noexcept;
+    static constexpr size_t kSlotBytes = kSlotSize * kSlotsPerChunk;
 
-    // Held for a handful of instructions by producers taking a slot and by the
-    // worker giving back a batch.
-    std::mutex m_mutex;
-    Slot* m_free = nullptr;
-    size_t m_chunkCount = 0;
-    void* m_chunks[kMaxChunks] = {};
+    bool Grow() noexcept;
+    // Puts the chain from `first` to `last` (already linked) on top of the stack.
+    void Push(SlotId first, SlotId last) noexcept;
+    unsigned char* SlotAddress(SlotId id) const noexcept {
+        return m_chunks[id / kSlotsPerChunk] + (id % kSlotsPerChunk) * kSlotSize;
+    }
+    std::atomic<uint32_t>& Link(SlotId id) const noexcept {
+        return reinterpret_cast<std::atomic<uint32_t>*>(m_chunks[id / kSlotsPerChunk] +
+                                                        kSlotBytes)[id % kSlotsPerChunk];
+    }
+
+    // The stack's top: the low half is the top slot's number plus one (0 when the
+    // stack is empty; links use the same encoding), the high half counts the
+    // changes. A pop that read a top which was taken and given back meanwhile
+    // fails its exchange on the count, and never installs a stale link (ABA).
+    std::atomic<uint64_t> m_top{0};
+    // Held only while a chunk is added; a chunk's address is published with the
+    // stack's top that first holds its slots, so readers need no lock.
+    std::mutex m_growMutex;
+    std::atomic<size_t> m_chunkCount{0};
+    unsigned char* m_chunks[kMaxChunks] = {};
 };
 
 } // namespace kt

@@ -1,7 +1,6 @@
 #include "log/LogFn.h"
 
 #include <cstdarg>
-#include <cstring>
 #include <exception>
 #include <stdexcept>
 #include <utility>
@@ -58,10 +57,9 @@ void LogFn::LogReturn() noexcept {
 }
 
 void LogFn::BeginLine(LogCapture& line) const noexcept {
-    if (m_functionLength == static_cast<size_t>(-1)) {
-        m_functionLength = std::strlen(m_function);
-    }
-    line.AddText(m_function, m_functionLength);
+    // By address, as the formats are: a copy of the signature would take more room
+    // than the rest of a typical line and push it out of the entry pool's slots.
+    line.AddLiteral(m_function);
     line.AddLiteral(": ");
 }
 

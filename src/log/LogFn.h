@@ -16,8 +16,9 @@ namespace kt {
 // return values and elapsed microseconds when it is destroyed.
 //
 // Every line is captured, not formatted: the arguments are copied into the entry
-// and the log's worker makes the text. The category and the function signature
-// are kept by address (the library passes literals) and copied into each entry.
+// and the log's worker makes the text. The function signature is kept by address,
+// in the trace and in each of its entries, so it must be a text of static storage
+// duration (the library passes literals); the category is copied into each entry.
 class LogFn {
 public:
     // Inline, like the destructor: a call whose trace is filtered out pays for a
@@ -72,7 +73,6 @@ private:
     std::shared_ptr<Log> m_log;
     const char* m_category;
     const char* m_function;
-    mutable size_t m_functionLength = static_cast<size_t>(-1); // measured on first use
     bool m_entered = false;
     LogCapture m_returnArgs;
     LogCapture m_returnResult;
