@@ -1,6 +1,5 @@
 // Rigs run for days, and sooner or later an allocation fails. The executable replaces malloc, calloc, realloc and
-// operator new for the library, its modules, the loader and the C library alike; a child per k fails the k-th of a
-// scenario.
+// operator new for the library, its modules, the loader and libc alike; a child per k fails the k-th of a scenario.
 #include <dlfcn.h>
 #include <pthread.h>
 
@@ -19,8 +18,7 @@ namespace {
 #define TAVIK_NEXT(name) reinterpret_cast<decltype(&::name)>(dlsym(RTLD_NEXT, #name))
 
 long g_failAt = 0, g_count = 0;  // failAt 0: not counting
-// A thread counts once its own code runs: AddressSanitizer's start of a thread asks for memory that only its runtime
-// needs.
+// A thread counts once its own code runs: AddressSanitizer's start of a thread asks for memory for itself alone.
 thread_local bool t_counts = false;
 
 TAVIK_RAW bool Fails() {
@@ -68,8 +66,7 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*fn)(vo
   if (rc != 0) g_next.free(start);
   return rc;
 }
-// Should dlsym ask for memory while it looks the allocator up, it gets none: the loader copes with that, falling back
-// to static storage.
+// Should dlsym ask for memory while it looks the allocator up, it gets none: the loader falls back to static storage.
 TAVIK_RAW void* malloc(size_t size) { return !Resolved() || Fails() ? nullptr : g_next.malloc(size); }
 TAVIK_RAW void* calloc(size_t n, size_t size) { return !Resolved() || Fails() ? nullptr : g_next.calloc(n, size); }
 TAVIK_RAW void* realloc(void* p, size_t size) { return !Resolved() || Fails() ? nullptr : g_next.realloc(p, size); }

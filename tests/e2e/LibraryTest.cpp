@@ -61,8 +61,7 @@ TEST_F(LibraryLoad, LogFileAndLevelFromTheEnvironmentAndTheFileInTrouble) {
           }
           if (row.file == "@deleted") unlink(troubled.c_str());
           if (row.file == "@read-only") chmod(dir.c_str(), 0555);
-          // On a thread of its own, whose thread-local state is gone before the unload, so that nothing pins the
-          // library.
+          // On a thread of its own, whose thread-local state is gone before the unload: nothing pins the library.
           for (int round = 0; round < 2; ++round, unlink(filler.c_str())) std::thread([&] {
             Ddi ddi{};
             EXPECT_EQ(lib->init(&ddi), KZ_ERR_NONE);

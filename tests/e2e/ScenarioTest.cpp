@@ -72,8 +72,8 @@ TEST_F(Scenario, KernelNodes) {
   }, "enumerate_devices|update_device_list|kernel_mode_driver\\(.*(PCI|VIRTUAL) type");
 }
 
-// One folder with every kind of module: broken ones, two of one bus, names the filter must skip, files it accepts but
-// cannot load, and good ones.
+// One folder with every kind of module: broken ones, two of one bus, names the filter must skip, files it accepts
+// but cannot load, good ones.
 TEST_F(Scenario, UserModeModules) {
   RunScenario("modules", "info", [](DdiLibrary* lib) {
     for (const char* n : {"tavikUSB_0", "tavikSW_0", "tavik1394_0"}) MakeFifo(n);
@@ -99,9 +99,8 @@ TEST_F(Scenario, ModuleFolders) {
   }, "user_mode|Cannot scan");
 }
 
-// Device operations on a FIFO: real reads and writes, the kernel's own ENOTTY for a camera request code, every state
-// error, and the texts of each; and on this process's memory file, whose first page is unmapped: reads and writes
-// there fail with EIO.
+// Device operations on a FIFO: real reads and writes, the kernel's ENOTTY for a camera request code, every state
+// error and its text; and on this process's memory file, whose unmapped first page fails reads and writes (EIO).
 TEST_F(Scenario, DeviceOperations) {
   RunScenario("device_io", "trace", [](DdiLibrary* lib) {
     MakeFifo("tavikSW_0");

@@ -1,5 +1,4 @@
-// The camera emulator as the core reaches it: the shipped library finds tavik_virtual.x86_64.umd in TAVIK_UMD_PATH.
-// Each case runs in a fresh child.
+// The camera emulator as the core reaches it, found by the shipped library in TAVIK_UMD_PATH; a fresh child a case.
 #include <fcntl.h>
 #include <unistd.h>
 

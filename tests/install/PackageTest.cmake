@@ -64,9 +64,8 @@ expect_staged_probe("'' 0")
 run_checked("dpkg-deb -x emulator" dpkg-deb -x "${WORK_DIR}/tavik-ddi-emulator_${VERSION}_amd64.deb" "${root}")
 expect_staged_probe("'${root}/${lib}/tavik/modules/tavik_virtual.x86_64.umd' 1")
 
-# A core built with find_package and one built with pkg-config against the unpacked -dev package: both files
-# locate the prefix from their own place, and the loader must find the unpacked library from what the build
-# recorded.
+# A core built with find_package and one with pkg-config against the unpacked -dev package: both files locate
+# the prefix from their own place, and the loader finds the unpacked library from what the build recorded.
 run_checked("dpkg-deb -x dev" dpkg-deb -x "${WORK_DIR}/libtavikddi-dev_${VERSION}_amd64.deb" "${root}")
 run_checked("consumer configure" ${CMAKE_COMMAND} -S "${SOURCE_DIR}/consumer" -B "${WORK_DIR}/consumer"
   -G "${GENERATOR}" "-DCMAKE_PREFIX_PATH=${root}/usr" "-DCMAKE_C_COMPILER=${C_COMPILER}")
@@ -83,15 +82,13 @@ foreach(via find_package pkg-config)
   endif()
 endforeach()
 
-# The four entry points at their version, nothing else exported, and the SONAME that the packages are named
-# after.
+# The four entry points at their version and nothing else exported.
 run_checked("nm" nm -D --defined-only --with-symbol-versions "${root}/${lib}/libtavikDDI.so.3.1.88")
 string(REGEX REPLACE "[0-9a-f]+ " "" exports "${RUN_OUTPUT}")
 if(NOT exports STREQUAL "A TAVIK_DDI_3.0\nT tavik_ddi_get_last_error_message@@TAVIK_DDI_3.0\nT tavik_ddi_get_lib_version@@TAVIK_DDI_3.0\nT tavik_ddi_init@@TAVIK_DDI_3.0\nT tavik_ddi_uninit@@TAVIK_DDI_3.0\n")
   message(FATAL_ERROR "unexpected exports:\n${RUN_OUTPUT}")
 endif()
-# The run paths that the README describes, in the build tree (which has no lib/tavik/modules) and installed,
-# and the SONAME.
+# The SONAME, and the run paths that the README describes, in the build tree (no lib/tavik/modules) and installed.
 run_checked("readelf" readelf -d "${BUILD_DIR}/lib/libtavikDDI.so.3.1.88" "${BUILD_DIR}/bin/tavik-ddi-probe"
   "${root}/${lib}/libtavikDDI.so.3.1.88" "${root}/usr/bin/tavik-ddi-probe")
 set(paths "\\(RUNPATH\\) +Library runpath: \\[\\$ORIGIN/tavik/modules\\].*\\(RPATH\\) +Library rpath: \\[\\$ORIGIN/\\.\\./lib\\]")

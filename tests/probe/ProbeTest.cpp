@@ -1,6 +1,10 @@
 // The probe's command-line contract, run as a user runs it, with the emulator's folder; the sample of each output
 // comes from a private /dev whose one camera node cannot be opened.
+#include <signal.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <regex>
@@ -10,7 +14,6 @@
 
 #include "ChildProcess.h"
 #include "FakeDev.h"
-#include "Process.h"
 
 using namespace tavik_test;
 namespace {
@@ -19,9 +22,35 @@ using nlohmann::json;
 const std::string kProbe = TAVIK_PROBE_PATH, kModules = TAVIK_PROBE_MODULES_DIR;
 const std::string kFailed = "195 (KZ_ERR_DDI_DEVICE_OPEN_FAILED): 'Error 21 (Is a directory)'";
 
-ProcessResult Probe(std::vector<std::string> args) {
-  args.insert(args.begin(), kProbe);
-  return RunProcess(args, {"TAVIK_VIRTUAL_FPS=100"}, 30);
+struct ProcessResult {
+  int exitStatus = -1;  // -1 unless the probe ended by itself within 30 s
+  std::string out, err;
+};
+
+// The probe run as a user runs it, its emulated cameras at 100 fps: its exit status and what it printed.
+ProcessResult Probe(std::vector<std::string> argv) {
+  // Built before the fork: the child of a threaded process may only make async-signal-safe calls.
+  argv.insert(argv.begin(), kProbe);
+  std::vector<char*> args, envp = {const_cast<char*>("TAVIK_VIRTUAL_FPS=100")};  // before the inherited one
+  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  for (char** e = environ; *e != nullptr; ++e) envp.push_back(*e);
+  args.push_back(nullptr);
+  envp.push_back(nullptr);
+  // Files in memory rather than pipes: nothing has to be drained while the probe runs.
+  const int out = memfd_create("stdout", MFD_CLOEXEC), err = memfd_create("stderr", MFD_CLOEXEC);
+  const pid_t pid = fork();
+  if (pid == 0 && dup2(out, 1) == 1 && dup2(err, 2) == 2) execve(args[0], args.data(), envp.data());
+  if (pid == 0) _exit(127);
+  int status = SIGKILL;  // as if killed, when there is no child
+  for (int ms = 0; pid > 0 && waitpid(pid, &status, WNOHANG) == 0; ms += 5) {
+    if (ms > 30000) kill(pid, SIGKILL);
+    usleep(5000);
+  }
+  ProcessResult r{WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadFile("/proc/self/fd/" + std::to_string(out)),
+                  ReadFile("/proc/self/fd/" + std::to_string(err))};
+  close(out);
+  close(err);
+  return r;
 }
 
 class ProbeCli : public ChildTest {};

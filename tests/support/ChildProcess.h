@@ -19,8 +19,7 @@ struct ChildContext {
   void RecordFixtureCalls() const { setenv("TAVIK_FIXTURE_CALLS", CallsPath().c_str(), 1); }
 };
 
-// Ends the child as skipped; the parent skips the case, or fails it when TAVIK_TEST_REQUIRE_NAMESPACES=1 says the run
-// must not skip.
+// Ends the child as skipped; the parent skips the case, or fails it under TAVIK_TEST_REQUIRE_NAMESPACES=1.
 [[noreturn]] void SkipChild(const std::string& reason);
 
 class ChildTest : public ::testing::Test {

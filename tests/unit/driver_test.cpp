@@ -1,5 +1,4 @@
-// Camera-list and device-list rules on records no module or /dev gives cheaply: lists with holes left by failed adds,
-// a type that does not exist.
+// Camera-list and device-list rules on records no module or /dev gives cheaply: holes left by failed adds, a bad type.
 #include <gtest/gtest.h>
 
 #include <cstring>

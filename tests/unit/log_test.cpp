@@ -200,8 +200,7 @@ TEST(LogSinks, FlushWaitsWithinItsLimitDiscardsTheRestAndTheFileFooterCountsItsO
     auto rec = std::make_shared<Recorder>();
     auto thrower = std::make_shared<Thrower>();
     auto log = std::make_shared<Log>(LogEntry::Trace);
-    // A throwing and a dead sink (a temporary) served first must not disturb the others; the recorder, served before
-    // the file, holds the worker.
+    // A throwing and a dead sink served first must not disturb the others; the recorder, before the file, holds the worker.
     ASSERT_TRUE(log->AddListener(thrower) && log->AddListener(std::make_shared<Recorder>()) && log->AddListener(rec));
     std::thread release;
     {

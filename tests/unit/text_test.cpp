@@ -1,5 +1,4 @@
-// Texts at their edges: formatting, hex dumps, stamps, system error texts, ids, the last-error text, the error codes
-// and the diagnostic names.
+// Texts at their edges: formatting, hex dumps, stamps, system error texts, ids, last error, error codes, names.
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
