@@ -468,6 +468,7 @@ int main(int argc, char** argv) {
   benchmark::Shutdown();
   for (Instance& in : g_inst) in.uninit(&in.ddi);
   ReportTraceLog();
-  tavik_test::RemoveTree(g_tmp);
+  std::error_code ec;
+  fs::remove_all(g_tmp, ec);
   return 0;
 }
