@@ -139,7 +139,6 @@ void Log::Stop() {
             return;
         }
         m_stop = true;
-        m_stopHint.store(true, std::memory_order_relaxed);
     }
     m_queueCond.notify_one();
     if (thread->joinable()) {
@@ -377,6 +376,7 @@ void Log::ThreadFunc() {
     // Memory of the C allocator on its way back to the producers (see m_returned),
     // handed over under the mutex once the taken entries are delivered.
     ReturnedBlock* returned = nullptr;
+    ReturnedBlock* returnedLast = nullptr;
     size_t returnedCount = 0;
     const auto deliver = [&](EntryPtr entry) {
         // The entry's texts borrow the worker's buffers while it is delivered and
@@ -411,20 +411,17 @@ void Log::ThreadFunc() {
             std::free(delivered);
         } else {
             returned = new (static_cast<void*>(delivered)) ReturnedBlock{returned};
+            returnedLast = returnedLast != nullptr ? returnedLast : returned;
             ++returnedCount;
         }
     };
     while (!m_stop) {
         if (returned != nullptr) {
-            ReturnedBlock* last = returned;
-            while (last->next != nullptr) {
-                last = last->next;
-            }
-            last->next = m_returned;
+            returnedLast->next = m_returned;
             m_returned = returned;
             m_returnedCount.store(m_returnedCount.load(std::memory_order_relaxed) + returnedCount,
                                   std::memory_order_relaxed);
-            returned = nullptr;
+            returned = returnedLast = nullptr;
             returnedCount = 0;
         }
         if (m_queue.empty()) {
@@ -452,7 +449,7 @@ void Log::ThreadFunc() {
         m_delivering = true;
         lock.unlock();
         for (;;) {
-            if (m_stopHint.load(std::memory_order_relaxed)) {
+            if (m_stop.load(std::memory_order_relaxed)) {
                 break; // what is left is destroyed with the log
             }
             const size_t index = m_takenNext.fetch_add(1, std::memory_order_relaxed);

@@ -164,9 +164,9 @@ private:
     // Read without the queue mutex by the level test on every logging call, so it
     // is atomic; created and cleared under m_queueMutex.
     std::atomic<std::thread*> m_thread{nullptr};
-    bool m_stop = false;
-    // m_stop for the worker between taken entries, without the mutex.
-    std::atomic<bool> m_stopHint{false};
+    // Set under m_queueMutex; atomic because the worker also looks at it between
+    // taken entries, without the mutex.
+    std::atomic<bool> m_stop{false};
     // True while the worker delivers the entries it has taken off the queue: a flush
     // must not report an empty queue while the last line is still being written.
     bool m_delivering = false;

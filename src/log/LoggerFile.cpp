@@ -57,16 +57,24 @@ LoggerFile::~LoggerFile() {
 void LoggerFile::OnLogEntryAdded(const LogEntry& entry) {
     try {
         std::lock_guard<std::mutex> lock(m_fileMutex);
-        // One reused buffer: after the first lines an entry costs no allocation,
-        // and line and line feed leave in a single write().
-        m_line.assign(entry.m_formattedMessage);
-        m_line += '\n';
-        if (WriteLocked(m_line)) {
+        bool written = false;
+        try {
+            // One reused buffer: after the first lines an entry costs no allocation,
+            // and line and line feed leave in a single write().
+            m_line.assign(entry.m_formattedMessage);
+            m_line += '\n';
+            written = WriteLocked(m_line);
+        } catch (...) {
+        }
+        if (written) {
             return;
         }
+        // Counted under the mutex: a footer written after a flush that ran out of
+        // time reads it while this delivery may still be under way.
+        ++m_lost;
     } catch (...) {
+        // The mutex could not be taken: only the log's own count sees the loss.
     }
-    ++m_lost;
     m_log->CountLost(1);
 }
 
