@@ -143,6 +143,8 @@ private:
     // a flush to discard the rest, so the two never touch the same entry.
     static constexpr size_t kTakeBatch = 32;
     EntryPtr m_taken[kTakeBatch];
+    static_assert(LogEntryPool::kMaxSlots > kOverloadThreshold + kTakeBatch + 1,
+                  "a full queue and a taken batch fit the pool");
     size_t m_takenCount = 0;
     std::atomic<size_t> m_takenNext{0};
     std::mutex m_queueMutex;

@@ -26,7 +26,11 @@ class LogEntryPool {
 public:
     static constexpr size_t kSlotSize = 256;
     static constexpr size_t kSlotsPerChunk = 256;
-    static constexpr size_t kMaxChunks = 128;
+    // Enough slots for every entry the overload rule lets the queue hold (the log
+    // asserts it), so that a burst up to the threshold never falls back to the C
+    // allocator on the caller's path: 12.5 MiB at most, about what such a backlog
+    // held in the allocator's arenas before.
+    static constexpr size_t kMaxChunks = 200;
     static constexpr size_t kMaxSlots = kSlotsPerChunk * kMaxChunks;
 
     // A slot's number: its chunk times kSlotsPerChunk plus its place in the chunk.
