@@ -53,14 +53,6 @@ TimePoint Now() {
         std::chrono::system_clock::now());
 }
 
-// An entry and its capture fill at most a pool slot for all but the long ones.
-void Prefetch(const LogEntry* entry) {
-    const char* bytes = reinterpret_cast<const char*>(entry);
-    for (size_t offset = 0; offset < LogEntryPool::kSlotSize; offset += 64) {
-        __builtin_prefetch(bytes + offset, 1);
-    }
-}
-
 } // namespace
 
 // ---------------------------------------------------------------------------
@@ -366,8 +358,6 @@ bool Log::OverloadedAfterTaking(size_t index) {
 }
 
 void Log::ThreadFunc() {
-    std::string spareLine;
-    std::string spareMessage;
     std::unique_lock<std::mutex> lock(m_queueMutex, std::defer_lock);
     LockSpinning(lock);
     TimePoint overloadStart = Now();
@@ -385,33 +375,22 @@ void Log::ThreadFunc() {
     // handed over under the mutex once the taken entries are delivered.
     ReturnedBlock* returned = nullptr;
     ReturnedBlock* returnedLast = nullptr;
-    // The taken entries' addresses, for prefetching without touching m_taken,
-    // which a flush may empty at the same time.
-    const LogEntry* ahead[kTakeBatch];
     size_t returnedCount = 0;
-    const auto deliver = [&](EntryPtr entry) {
-        // The entry's texts borrow the worker's buffers while it is delivered and
-        // hand them back, so that after the first lines formatting allocates nothing.
-        const bool captured = entry->IsCaptured();
-        entry->m_formattedMessage = std::move(spareLine);
-        if (captured) {
-            entry->m_message = std::move(spareMessage);
+    // The taken entries' texts borrow these buffers while they are formatted and
+    // delivered, and hand them back: after the first batches formatting allocates
+    // nothing.
+    std::string lines[kTakeBatch];
+    std::string messages[kTakeBatch];
+    bool formatted[kTakeBatch];
+    const auto destroy = [&](EntryPtr& owned, size_t i) {
+        LogEntry* entry = owned.release();
+        lines[i] = std::move(entry->m_formattedMessage);
+        if (entry->IsCaptured()) {
+            messages[i] = std::move(entry->m_message);
         }
-        try {
-            entry->FormatMessage();
-            NotifyListeners(*entry);
-        } catch (...) {
-            // An entry that cannot be formatted is skipped; the worker goes on.
-            CountLost(1);
-        }
-        spareLine = std::move(entry->m_formattedMessage);
-        if (captured) {
-            spareMessage = std::move(entry->m_message);
-        }
-        LogEntry* delivered = entry.release();
-        const bool pooled = delivered->Pool() == &m_pool;
-        const LogEntryPool::SlotId slot = delivered->PoolSlot();
-        delivered->~LogEntry();
+        const bool pooled = entry->Pool() == &m_pool;
+        const LogEntryPool::SlotId slot = entry->PoolSlot();
+        entry->~LogEntry();
         if (pooled) {
             released[releasedCount++] = slot;
             if (releasedCount == kReleaseBatch) {
@@ -419,9 +398,9 @@ void Log::ThreadFunc() {
             }
         } else if (m_returnedCount.load(std::memory_order_relaxed) + returnedCount >= kMaxReturned) {
             // Producers have not been back for a long while: free it here.
-            std::free(delivered);
+            std::free(entry);
         } else {
-            returned = new (static_cast<void*>(delivered)) ReturnedBlock{returned};
+            returned = new (static_cast<void*>(entry)) ReturnedBlock{returned};
             returnedLast = returnedLast != nullptr ? returnedLast : returned;
             ++returnedCount;
         }
@@ -453,13 +432,32 @@ void Log::ThreadFunc() {
         for (size_t i = 0; i < taken; ++i) {
             m_taken[i] = std::move(m_queue.front());
             m_queue.pop_front();
-            ahead[i] = m_taken[i].get();
         }
         m_takenCount = taken;
         m_takenNext.store(0, std::memory_order_relaxed);
         NoteQueueSize();
         m_delivering = true;
         lock.unlock();
+        // The whole batch is formatted before its first line is written. Every
+        // write is a system call, after which the processor has lost the
+        // translations and the cached lines of whatever it touched before it:
+        // formatting between two writes would find the entries, the format tables
+        // and their code cold each time. An entry that a flush discards meanwhile
+        // was formatted for nothing, which costs only time.
+        for (size_t i = 0; i < taken && !m_stop.load(std::memory_order_relaxed); ++i) {
+            LogEntry& entry = *m_taken[i];
+            entry.m_formattedMessage = std::move(lines[i]);
+            if (entry.IsCaptured()) {
+                entry.m_message = std::move(messages[i]);
+            }
+            try {
+                entry.FormatMessage();
+                formatted[i] = true;
+            } catch (...) {
+                // An entry that cannot be formatted is skipped; the worker goes on.
+                formatted[i] = false;
+            }
+        }
         for (;;) {
             if (m_stop.load(std::memory_order_relaxed)) {
                 break; // what is left is destroyed with the log
@@ -467,13 +465,6 @@ void Log::ThreadFunc() {
             const size_t index = m_takenNext.fetch_add(1, std::memory_order_relaxed);
             if (index >= taken) {
                 break; // all delivered, or a flush discarded the rest
-            }
-            EntryPtr entry = std::move(m_taken[index]);
-            // The producer wrote the next entry on its own core: its lines travel
-            // here while this entry's line is being written, not after. A flush may
-            // free it meanwhile, which a prefetch does not mind.
-            if (index + 1 < taken) {
-                Prefetch(ahead[index + 1]);
             }
             // Each taken entry leaves the queue only now, and the overload rule
             // looks at what its removal leaves, as it would have one by one.
@@ -486,7 +477,22 @@ void Log::ThreadFunc() {
                 }
                 lock.unlock();
             }
-            deliver(std::move(entry));
+            if (!formatted[index]) {
+                CountLost(1);
+                continue;
+            }
+            try {
+                NotifyListeners(*m_taken[index]);
+            } catch (...) {
+                CountLost(1); // the listeners' mutex could not be taken
+            }
+        }
+        if (!m_stop.load(std::memory_order_relaxed)) {
+            // Delivered and discarded alike: a flush only counts what it discards
+            // and leaves the entries to the worker, which may be formatting them.
+            for (size_t i = 0; i < taken; ++i) {
+                destroy(m_taken[i], i);
+            }
         }
         LockSpinning(lock);
         m_delivering = false;
@@ -532,7 +538,7 @@ uint64_t Log::Flush(uint64_t timeLimitMs) {
         count = m_queue.size();
         discarded.swap(m_queue);
         NoteQueueSize();
-        count += DiscardTaken(discarded);
+        count += DiscardTaken();
         m_discardedTotal += count;
     }
     // What is left is never delivered; it is freed outside the lock so that
@@ -540,20 +546,11 @@ uint64_t Log::Flush(uint64_t timeLimitMs) {
     return count;
 }
 
-uint64_t Log::DiscardTaken(std::deque<EntryPtr>& discarded) {
+uint64_t Log::DiscardTaken() {
     // From here on the worker's claims fail: it delivers nothing more of what it
-    // has taken (at most the entry it is delivering now).
+    // has taken (at most the entry it is delivering now), and destroys the rest.
     const size_t next = m_takenNext.exchange(kTakeBatch, std::memory_order_relaxed);
-    uint64_t count = 0;
-    for (size_t i = next; i < m_takenCount; ++i) {
-        try {
-            discarded.push_back(std::move(m_taken[i]));
-        } catch (...) {
-            m_taken[i].reset(); // no room to defer it: destroyed under the mutex
-        }
-        ++count;
-    }
-    return count;
+    return next < m_takenCount ? m_takenCount - next : 0;
 }
 
 Log::Counts Log::GetCounts() {

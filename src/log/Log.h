@@ -121,9 +121,9 @@ private:
     }
     // Whether the removal of the taken entry at `index` leaves the log overloaded.
     bool OverloadedAfterTaking(size_t index);
-    // Moves what the worker has taken and not yet begun to deliver into
-    // `discarded`, for the caller to destroy outside the lock, and counts it.
-    uint64_t DiscardTaken(std::deque<EntryPtr>& discarded);
+    // Counts what the worker has taken and not yet begun to deliver, and keeps it
+    // from being delivered (under m_queueMutex).
+    uint64_t DiscardTaken();
 
     LogEntry::Level m_level;
     std::vector<std::weak_ptr<ILogListener>> m_listeners;
@@ -138,9 +138,10 @@ private:
     // takes it, the producers' next lock finds the mutex's cache line on the other
     // core. Taken entries still count as queued: for the overload rule, for a flush
     // that discards what is left, and for Stop, which ends the delivery after the
-    // entry at hand. m_takenCount is guarded by m_queueMutex; each entry from
+    // entry at hand. The entries belong to the worker, which destroys them after
+    // the batch; m_takenCount is guarded by m_queueMutex, and each entry from
     // m_takenNext on is claimed by one fetch_add, by the worker to deliver it or by
-    // a flush to discard the rest, so the two never touch the same entry.
+    // a flush to discard the rest, so a discarded entry is never delivered.
     static constexpr size_t kTakeBatch = 32;
     EntryPtr m_taken[kTakeBatch];
     static_assert(LogEntryPool::kMaxSlots > kOverloadThreshold + kTakeBatch + 1,
