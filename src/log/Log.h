@@ -125,14 +125,33 @@ private:
     // from being delivered (under m_queueMutex).
     uint64_t DiscardTaken();
 
+    // The members fall into groups by who writes them how often, each group on
+    // cache lines of its own (kLine): a line that one core writes for every entry
+    // and the other reads for every entry travels between them each time, and a
+    // logging call paid several such trips, each longer than the rest of the call.
+    // The group that producers read on every call is written almost never.
+    static constexpr size_t kLine = 64;
+
+    // Read on every call; written when a listener comes or goes.
     LogEntry::Level m_level;
-    std::vector<std::weak_ptr<ILogListener>> m_listeners;
-    std::mutex m_listenersMutex;
     std::atomic<bool> m_hasListeners{false};
-    // Declared before the queue, so that entries still queued when the log is
-    // destroyed give their memory back before the pool frees it.
-    LogEntryPool m_pool;
-    std::deque<EntryPtr> m_queue;
+    // Read without the queue mutex by the level test on every logging call, so it
+    // is atomic; created and cleared under m_queueMutex.
+    std::atomic<std::thread*> m_thread{nullptr};
+    // m_dropping for a look without the mutex: while the log drops, a caller
+    // counts its entry without capturing it first.
+    std::atomic<bool> m_droppingHint{false};
+    // Whether the queue holds so many entries that the overload rule may apply to
+    // the worker's next removal: below it, the queue and the taken entries together
+    // stay within the threshold, and the worker need not look at the queue's size.
+    std::atomic<bool> m_nearThreshold{false};
+    // Set under m_queueMutex; atomic because the worker also looks at it between
+    // taken entries, without the mutex.
+    std::atomic<bool> m_stop{false};
+
+    // The worker's, for every entry it delivers.
+    alignas(kLine) std::vector<std::weak_ptr<ILogListener>> m_listeners;
+    std::mutex m_listenersMutex;
     // The worker takes entries off the queue several at a time, so that it takes
     // the queue mutex once for many entries rather than for each: every time it
     // takes it, the producers' next lock finds the mutex's cache line on the other
@@ -143,38 +162,32 @@ private:
     // m_takenNext on is claimed by one fetch_add, by the worker to deliver it or by
     // a flush to discard the rest, so a discarded entry is never delivered.
     static constexpr size_t kTakeBatch = 32;
-    EntryPtr m_taken[kTakeBatch];
+    std::atomic<size_t> m_takenNext{0};
+    size_t m_takenCount = 0;
+    std::atomic<uint64_t> m_lostTotal{0};
+
+    // Declared before the queue and the taken entries, so that entries still held
+    // when the log is destroyed give their memory back before the pool frees it.
+    // Its top sits on a line of its own.
+    LogEntryPool m_pool;
+    alignas(kLine) EntryPtr m_taken[kTakeBatch];
     static_assert(LogEntryPool::kMaxSlots > kOverloadThreshold + kTakeBatch + 1,
                   "a full queue and a taken batch fit the pool");
-    size_t m_takenCount = 0;
-    std::atomic<size_t> m_takenNext{0};
-    std::mutex m_queueMutex;
-    std::condition_variable m_queueCond;
-    std::condition_variable m_drainedCond;
+
+    // The producers', under the queue mutex, for every entry; the worker's once a
+    // batch.
+    alignas(kLine) std::mutex m_queueMutex;
+    std::deque<EntryPtr> m_queue;
     bool m_dropping = false;
-    // m_dropping for a look without the mutex: while the log drops, a caller
-    // counts its entry without capturing it first.
-    std::atomic<bool> m_droppingHint{false};
-    // Whether the queue holds so many entries that the overload rule may apply to
-    // the worker's next removal: below it, the queue and the taken entries together
-    // stay within the threshold, and the worker need not look at the queue's size.
-    std::atomic<bool> m_nearThreshold{false};
-    uint64_t m_droppedCount = 0;
-    // Since the log was made, for GetCounts (guarded by m_queueMutex, except the
-    // losses, which the worker and the sinks report without it).
-    uint64_t m_producedTotal = 0, m_droppedTotal = 0, m_discardedTotal = 0;
-    std::atomic<uint64_t> m_lostTotal{0};
-    // Read without the queue mutex by the level test on every logging call, so it
-    // is atomic; created and cleared under m_queueMutex.
-    std::atomic<std::thread*> m_thread{nullptr};
-    // Set under m_queueMutex; atomic because the worker also looks at it between
-    // taken entries, without the mutex.
-    std::atomic<bool> m_stop{false};
     // True while the worker delivers the entries it has taken off the queue: a flush
     // must not report an empty queue while the last line is still being written.
     bool m_delivering = false;
     // True while the worker waits for entries (guarded by m_queueMutex).
     bool m_workerWaiting = false;
+    uint64_t m_droppedCount = 0;
+    // Since the log was made, for GetCounts (guarded by m_queueMutex, except the
+    // losses, which the worker and the sinks report without it).
+    uint64_t m_producedTotal = 0, m_droppedTotal = 0, m_discardedTotal = 0;
 
     // The memory of delivered entries that the pool did not hold (long ones) on its
     // way back: the worker leaves it here and a producer frees it, at most two
@@ -188,6 +201,10 @@ private:
     static constexpr size_t kMaxReturned = 1024;
     ReturnedBlock* m_returned = nullptr;
     std::atomic<size_t> m_returnedCount{0};
+
+    // Written when the worker waits or a flush waits, which a burst never does.
+    alignas(kLine) std::condition_variable m_queueCond;
+    std::condition_variable m_drainedCond;
 
     static std::atomic<bool> m_inLibLoadUnload;
 };

@@ -66,11 +66,13 @@ private:
     // stack is empty; links use the same encoding), the high half counts the
     // changes. A pop that read a top which was taken and given back meanwhile
     // fails its exchange on the count, and never installs a stale link (ABA).
-    std::atomic<uint64_t> m_top{0};
+    // Producers and the worker both change it: a line of its own, apart from the
+    // chunks' addresses, which every producer reads.
+    alignas(64) std::atomic<uint64_t> m_top{0};
     // Held only while a chunk is added; a chunk's address is published with the
     // stack's top that first holds its slots, so readers need no lock.
     std::mutex m_growMutex;
-    std::atomic<size_t> m_chunkCount{0};
+    alignas(64) std::atomic<size_t> m_chunkCount{0};
     unsigned char* m_chunks[kMaxChunks] = {};
 };
 
