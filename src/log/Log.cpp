@@ -438,12 +438,12 @@ void Log::ThreadFunc() {
         NoteQueueSize();
         m_delivering = true;
         lock.unlock();
-        // The whole batch is formatted before its first line is written. Every
-        // write is a system call, after which the processor has lost the
-        // translations and the cached lines of whatever it touched before it:
-        // formatting between two writes would find the entries, the format tables
-        // and their code cold each time. An entry that a flush discards meanwhile
-        // was formatted for nothing, which costs only time.
+        // The whole batch is formatted before its first line is written: each
+        // write is a system call that leaves the caches and the address
+        // translations colder than it found them, and formatting between two
+        // writes would meet the entries, the format tables and their code cold
+        // each time. An entry that a flush discards meanwhile was formatted for
+        // nothing, which costs only time.
         for (size_t i = 0; i < taken && !m_stop.load(std::memory_order_relaxed); ++i) {
             LogEntry& entry = *m_taken[i];
             entry.m_formattedMessage = std::move(lines[i]);
