@@ -33,6 +33,11 @@ constexpr int kLockSpins = 64;
 
 constexpr size_t kReleaseBatch = 32;
 
+// How much of a taken batch the worker formats before it writes the first line,
+// and the largest text buffer it keeps for the next batch.
+constexpr size_t kFormatAheadBytes = 32 * 1024;
+constexpr size_t kSpareBytes = 8 * 1024;
+
 template <class Lockable>
 void LockSpinning(Lockable& lockable) {
     for (int i = 0; i < kLockSpins; ++i) {
@@ -378,15 +383,37 @@ void Log::ThreadFunc() {
     size_t returnedCount = 0;
     // The taken entries' texts borrow these buffers while they are formatted and
     // delivered, and hand them back: after the first batches formatting allocates
-    // nothing.
+    // nothing. A buffer that a long line (a large dump) grew is not kept, so the
+    // worker never sits on megabytes for the rare long line.
     std::string lines[kTakeBatch];
     std::string messages[kTakeBatch];
     bool formatted[kTakeBatch];
+    const auto keep = [](std::string& spare, std::string&& text) {
+        if (text.capacity() <= kSpareBytes) {
+            spare = std::move(text);
+        }
+    };
+    const auto format = [&](size_t i) {
+        LogEntry& entry = *m_taken[i];
+        entry.m_formattedMessage = std::move(lines[i]);
+        if (entry.IsCaptured()) {
+            entry.m_message = std::move(messages[i]);
+        }
+        try {
+            entry.FormatMessage();
+            formatted[i] = true;
+            return entry.m_formattedMessage.size();
+        } catch (...) {
+            // An entry that cannot be formatted is skipped; the worker goes on.
+            formatted[i] = false;
+            return size_t{0};
+        }
+    };
     const auto destroy = [&](EntryPtr& owned, size_t i) {
         LogEntry* entry = owned.release();
-        lines[i] = std::move(entry->m_formattedMessage);
+        keep(lines[i], std::move(entry->m_formattedMessage));
         if (entry->IsCaptured()) {
-            messages[i] = std::move(entry->m_message);
+            keep(messages[i], std::move(entry->m_message));
         }
         const bool pooled = entry->Pool() == &m_pool;
         const LogEntryPool::SlotId slot = entry->PoolSlot();
@@ -438,25 +465,20 @@ void Log::ThreadFunc() {
         NoteQueueSize();
         m_delivering = true;
         lock.unlock();
-        // The whole batch is formatted before its first line is written: each
-        // write is a system call that leaves the caches and the address
-        // translations colder than it found them, and formatting between two
-        // writes would meet the entries, the format tables and their code cold
-        // each time. An entry that a flush discards meanwhile was formatted for
-        // nothing, which costs only time.
-        for (size_t i = 0; i < taken && !m_stop.load(std::memory_order_relaxed); ++i) {
-            LogEntry& entry = *m_taken[i];
-            entry.m_formattedMessage = std::move(lines[i]);
-            if (entry.IsCaptured()) {
-                entry.m_message = std::move(messages[i]);
-            }
-            try {
-                entry.FormatMessage();
-                formatted[i] = true;
-            } catch (...) {
-                // An entry that cannot be formatted is skipped; the worker goes on.
-                formatted[i] = false;
-            }
+        // The batch is formatted before its first line is written: each write is
+        // a system call that leaves the caches and the address translations colder
+        // than it found them, and formatting between two writes would meet the
+        // entries, the format tables and their code cold each time. Long lines are
+        // the exception: formatted ahead they would no longer be in the cache when
+        // written, so formatting ahead stops once the batch's lines fill
+        // kFormatAheadBytes, and the rest is formatted just before it is written.
+        // An entry that a flush discards meanwhile was formatted for nothing,
+        // which costs only time.
+        size_t ready = 0;
+        for (size_t bytes = 0; ready < taken && bytes < kFormatAheadBytes &&
+                               !m_stop.load(std::memory_order_relaxed);
+             ++ready) {
+            bytes += format(ready);
         }
         for (;;) {
             if (m_stop.load(std::memory_order_relaxed)) {
@@ -476,6 +498,10 @@ void Log::ThreadFunc() {
                     overloadStart = Now();
                 }
                 lock.unlock();
+            }
+            if (index >= ready) {
+                format(index);
+                ready = index + 1;
             }
             if (!formatted[index]) {
                 CountLost(1);
