@@ -43,9 +43,12 @@ TEST(LogCore, ListenerRulesTheLoadPhaseAndTheLazyWorker) {
         std::shared_ptr<kt::ILogListener> a = rec;
         const std::weak_ptr<kt::ILogListener> gone = std::make_shared<Recorder>();
         EXPECT_TRUE(!log.WillBeLogged(LogEntry::Error) && !log.AddListener(gone) && log.AddListener(a) && !log.AddListener(a));
+        // Longer than what the worker formats of a batch before writing it: the entries after it in the same
+        // batch are formatted one by one.
+        const std::string wide(40000, 'w');
         {
             Marker pre(Marker::PreInit, Marker::Immediate);
-            log.AddEntry("DDI", LogEntry::Info, "%s", "load 1");
+            log.AddEntry("DDI", LogEntry::Info, "%s", wide.c_str());
             Marker notified(Marker::PostInit, Marker::Notified); // open until the host reports the end
             log.AddEntry("DDI", LogEntry::Info, "%s", "load 2");
             EXPECT_EQ(SettledThreadCount(base), base) << "a worker started while loading or at registration";
@@ -63,7 +66,7 @@ TEST(LogCore, ListenerRulesTheLoadPhaseAndTheLazyWorker) {
         Marker::NotifyLibProcessAttachDone(); // the markers' end raised the flag again
         const auto lines = rec->Lines();
         ASSERT_EQ(lines.size(), 3u);
-        EXPECT_EQ(lines[0].m_message + "," + lines[1].m_message + "," + lines[2].m_message, "load 1,load 2,after load");
+        EXPECT_EQ(lines[0].m_message + "," + lines[1].m_message + "," + lines[2].m_message, wide + ",load 2,after load");
         EXPECT_TRUE(log.RemoveListener(a) && !log.WillBeLogged(LogEntry::Error));
     }
     EXPECT_EQ(SettledThreadCount(base), base);
@@ -206,9 +209,13 @@ TEST(LogSinks, FlushWaitsWithinItsLimitDiscardsTheRestAndTheFileFooterCountsItsO
     {
         kt::LoggerFile sink(log, path.c_str());
         rec->Allow(0);
+        // Queued before the worker starts, so that it takes all eleven at once and a flush must discard what it took.
+        Log::LibInitHelper::NotifyLibProcessDetachDone();
         log->AddEntry("DDI", LogEntry::Info, "%s", "held");
-        ASSERT_TRUE(rec->WaitHeld());
         for (int i = 0; i < 10; ++i) log->AddEntry("DDI", LogEntry::Info, "lost %d", i);
+        Log::LibInitHelper::NotifyLibProcessAttachDone();
+        log->WillBeLogged(LogEntry::Info);
+        ASSERT_TRUE(rec->WaitHeld());
         const auto took = TimeOf([&] { EXPECT_EQ(log->Flush(1000), 10u); });
         EXPECT_TRUE(took >= 990ms && took < 1500ms) << took.count();
         for (int i = 0; i < 12; ++i) log->AddEntry("DDI", LogEntry::Info, "lost by the sink's flush %d", i);
