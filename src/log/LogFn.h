@@ -83,7 +83,9 @@ private:
 // no allocation. Used like a pointer.
 class LogFnSlot {
 public:
-    LogFnSlot() noexcept = default;
+    // User-provided, so that an empty slot is not zero-filled: every untraced
+    // operation makes one, and its storage is a few hundred bytes.
+    LogFnSlot() noexcept {}
     // A trace over a log that outlives it (the set-up's), borrowed without
     // touching its reference count.
     LogFnSlot(Log* log, const char* category, const char* function) noexcept {
