@@ -388,8 +388,10 @@ void Log::ThreadFunc() {
     std::string lines[kTakeBatch];
     std::string messages[kTakeBatch];
     bool formatted[kTakeBatch];
+    // An entry that a flush discarded before it was formatted never borrowed its
+    // buffer, and gives back none.
     const auto keep = [](std::string& spare, std::string&& text) {
-        if (text.capacity() <= kSpareBytes) {
+        if (text.capacity() <= kSpareBytes && text.capacity() >= spare.capacity()) {
             spare = std::move(text);
         }
     };
