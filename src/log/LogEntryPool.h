@@ -24,12 +24,14 @@ namespace kt {
 // the worker wrote in a batch rather than a line of each slot it touched.
 class LogEntryPool {
 public:
-    static constexpr size_t kSlotSize = 256;
+    // An entry object takes 152 bytes, so a slot leaves 168 for the capture: room
+    // for the dump line of a device read or write of 64 bytes (286 bytes in all),
+    // which a 256-byte slot sent to the C allocator on every traced transfer.
+    static constexpr size_t kSlotSize = 320;
     static constexpr size_t kSlotsPerChunk = 256;
     // Enough slots for every entry the overload rule lets the queue hold (the log
     // asserts it), so that a burst up to the threshold never falls back to the C
-    // allocator on the caller's path: 12.5 MiB at most, about what such a backlog
-    // held in the allocator's arenas before.
+    // allocator on the caller's path: 16 MiB at most.
     static constexpr size_t kMaxChunks = 200;
     static constexpr size_t kMaxSlots = kSlotsPerChunk * kMaxChunks;
 
