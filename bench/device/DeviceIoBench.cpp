@@ -224,6 +224,30 @@ void BM_Write(benchmark::State& state) {
   close(fd);
 }
 
+// The floor of any library: a bare function one call level deep, reached through
+// a pointer as the operation table is, that makes the same system call and checks
+// its result. After a system call the processor's return predictions are gone, so
+// even this level costs something, and not the same for every call.
+template <class Buffer, ssize_t (*Call)(int, Buffer, size_t)>
+__attribute__((noinline)) int16 OneLevel(int fd, Buffer data, uns16 size, uns16* done) {
+  const ssize_t result = Call(fd, data, size);
+  if (result == -1) return -1;
+  if (done) *done = static_cast<uns16>(result);
+  return KZ_ERR_NONE;
+}
+
+template <class Buffer, ssize_t (*Call)(int, Buffer, size_t)>
+void BM_OneLevel(benchmark::State& state) {
+  int16 (*volatile level)(int, Buffer, uns16, uns16*) = OneLevel<Buffer, Call>;
+  const int fd = open(kZeroNode, O_RDWR);
+  static uns8 buf[64] = {1, 2, 3};
+  uns16 n = 0;
+  RunPaired(
+      state, 0, [&] { benchmark::DoNotOptimize(Call(fd, buf, sizeof buf)); },
+      [&] { benchmark::DoNotOptimize(level(fd, buf, sizeof buf, &n)); });
+  close(fd);
+}
+
 // A request code the node answers (FIONREAD on the FIFO).
 void BM_Ioctl(benchmark::State& state) {
   tavik_driver_device* d = g_inst[state.range(0)].camera;
@@ -353,6 +377,8 @@ void Register() {
   // 12 blocks: at Trace each call writes a line of about 20 KB.
   benchmark::RegisterBenchmark("Read4K", BM_Read<4096>)->Apply(levels)->UseManualTime()->Iterations(12);
   benchmark::RegisterBenchmark("Write64", BM_Write)->Apply(levels)->UseManualTime();
+  benchmark::RegisterBenchmark("OneLevelRead64", BM_OneLevel<void*, read>)->Arg(0)->UseManualTime();
+  benchmark::RegisterBenchmark("OneLevelWrite64", BM_OneLevel<const void*, write>)->Arg(0)->UseManualTime();
   benchmark::RegisterBenchmark("IoctlFIONREAD", BM_Ioctl)->Apply(levels)->UseManualTime();
   benchmark::RegisterBenchmark("Raw_NotifyLatency", BM_Raw_NotifyLatency)->UseManualTime()->Iterations(3000);
   benchmark::RegisterBenchmark("Ddi_NotifyLatency", BM_Ddi_NotifyLatency)
