@@ -21,8 +21,10 @@ std::shared_ptr<Log> GetLog();
 // no log; the operation then runs untraced. Every device operation passes here,
 // so all of it is inline and none of it allocates: the trace lives in the
 // caller's frame and borrows the set-up's log, which outlives every operation
-// (it goes only when the library is unloaded).
-inline LogFnSlot CreateLogFn(const char* signature) {
+// (it goes only when the library is unloaded). Forced inline: the compiler's own
+// count of the trace's construction would otherwise make it a call of its own,
+// one call level more for every untraced operation.
+__attribute__((always_inline)) inline LogFnSlot CreateLogFn(const char* signature) {
     const LogSetup* current = setup.get();
     if (current == nullptr || !current->HasLog()) {
         return LogFnSlot();

@@ -27,20 +27,26 @@ public:
         : m_startTime(),
           m_log(std::move(log)),
           m_category(category != nullptr && category[0] != '\0' ? category : "???"),
-          m_function(function != nullptr ? function : NullFunction()) {
-        if (WillBeLogged()) {
+          m_function(function != nullptr ? function : NullFunction()),
+          m_traced(m_log && m_log->WillBeLogged(LogEntry::Trace)) {
+        if (m_traced) {
             m_startTime = Now();
         }
     }
     ~LogFn() {
-        if (WillBeLogged()) {
+        if (m_traced) {
             LogReturn();
         }
     }
     LogFn(const LogFn&) = delete;
     LogFn& operator=(const LogFn&) = delete;
 
-    bool WillBeLogged() const { return m_log && m_log->WillBeLogged(LogEntry::Trace); }
+    // The log's answer for Trace, taken once when the trace began: an operation
+    // asks it before its enter line, its return values and its result, and at its
+    // end, and the answer cannot change during a call (the log's level is fixed;
+    // a sink that comes or goes meanwhile changes nothing for a call under way,
+    // which would otherwise write a return line timed from a start never taken).
+    bool WillBeLogged() const { return m_traced; }
     bool WillBeLogged(LogEntry::Level level) const {
         return m_log && m_log->WillBeLogged(level);
     }
@@ -76,6 +82,7 @@ private:
     bool m_entered = false;
     LogCapture m_returnArgs;
     LogCapture m_returnResult;
+    bool m_traced;
 };
 
 // Room for one trace object in the caller's frame, empty when the library has no
