@@ -23,7 +23,8 @@ bool VirtualConfig::ParseBounded(const char* text, unsigned lo, unsigned hi, uns
 namespace {
 
 unsigned ReadSetting(const char* name, unsigned lo, unsigned hi, unsigned fallback) {
-  const char* text = getenv(name);
+  // A program with more rights than its user keeps the defaults.
+  const char* text = secure_getenv(name);
   if (text == nullptr || text[0] == '\0') return fallback;
   unsigned value = 0;
   if (VirtualConfig::ParseBounded(text, lo, hi, &value)) return value;

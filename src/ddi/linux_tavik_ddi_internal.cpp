@@ -30,7 +30,10 @@ void ddi_load_user_mode_drivers(Ddi* ddi) {
     auto fn = kt::LogDdi::CreateLogFn("void ddi_load_user_mode_drivers(Ddi*)");
     DDI_TRACE_ENTER(fn, "ddi=0x%p", static_cast<void*>(ddi));
 
-    const char* folder = std::getenv(kDdiUmdPathVariable);
+    // A program that runs with more rights than its user (setuid, file
+    // capabilities) takes no folder from that user: the loader's own secure
+    // search finds the known names, as it ignores LD_LIBRARY_PATH there.
+    const char* folder = secure_getenv(kDdiUmdPathVariable);
     if (!folder || folder[0] == '\0') {
         DDI_TRACE_MSG(fn, Info,
                       "Env. var. %s not set, searching known user mode drivers in system...",

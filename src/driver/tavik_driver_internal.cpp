@@ -1,12 +1,14 @@
 #include "driver/tavik_driver_internal.h"
 
 #include <dlfcn.h>
+#include <link.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include "driver/tavik_module_file.h"
 #include "log/LogTrace.h"
 #include "log/LogUtils.h"
 #include "names/EnumUtils.h"
@@ -60,6 +62,31 @@ rs_bool FailLoad(kt::LogFn* fn, tavik_driver** record, const char* message) {
     return QX_FAIL;
 }
 
+// A module runs with the process's rights: one that another user can change is
+// refused, one that a group can change is loaded with a warning. False when refused.
+bool AcceptModuleFile(kt::LogFn* fn, const char* file_path) {
+    char reason[128];
+    const tavik_module_file_verdict verdict =
+        tavik_module_file_check(file_path, reason, sizeof reason);
+    if (verdict == TAVIK_MODULE_FILE_REFUSE) {
+        DDI_TRACE_MSG(fn, Error, "Refused library '%s' (%s)", file_path, reason);
+        return false;
+    }
+    if (verdict == TAVIK_MODULE_FILE_WARN)
+        DDI_TRACE_MSG(fn, Warning, "Loading library '%s' anyway (%s)", file_path, reason);
+    return true;
+}
+
+// The file that the loader found for a bare name, by its own search.
+const char* LoadedFileName(void* handle) {
+    struct link_map* map = nullptr;
+    if (dlinfo(handle, RTLD_DI_LINKMAP, &map) != 0 || map == nullptr || map->l_name == nullptr) {
+        dlerror();
+        return nullptr;
+    }
+    return map->l_name;
+}
+
 template <typename Fn>
 Fn LookUp(void* handle, const char* name) {
     return reinterpret_cast<Fn>(dlsym(handle, name));
@@ -110,7 +137,17 @@ rs_bool tavik_driver_load_user_mode(const char* file_path, tavik_driver** driver
     if (!*driver) return FailLoad(fn.get(), nullptr, "Cannot allocate driver");
     tavik_driver* record = *driver;
 
-    record->handle = dlopen(file_path, RTLD_LAZY);
+    // A name with a slash is the file itself, judged before the loader opens it
+    // (so a FIFO never blocks the open and a refused module's constructors never
+    // run); a bare name is found by the loader's own search, and only the file it
+    // found can be judged.
+    const bool bareName = std::strchr(file_path, '/') == nullptr;
+    if (!bareName && !AcceptModuleFile(fn.get(), file_path))
+        return FailLoad(fn.get(), driver, nullptr);
+
+    // Bound now, so that a module that calls a function nobody provides is
+    // refused here instead of ending the process at that call.
+    record->handle = dlopen(file_path, RTLD_NOW);
     if (!record->handle) {
         if (fn && fn->WillBeLogged(kt::LogEntry::Error)) {
             fn->LogMessage(kt::LogEntry::Error, "Failed to load library '%s' (%s)", file_path,
@@ -119,6 +156,12 @@ rs_bool tavik_driver_load_user_mode(const char* file_path, tavik_driver** driver
             dlerror(); // leave no stale loader error behind for later lookups
         }
         return FailLoad(fn.get(), driver, nullptr);
+    }
+
+    if (bareName) {
+        const char* found = LoadedFileName(record->handle);
+        if (found != nullptr && !AcceptModuleFile(fn.get(), found))
+            return FailLoad(fn.get(), driver, nullptr);
     }
 
     record->mode = TAVIK_DRIVER_MODE_USER;

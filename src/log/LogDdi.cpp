@@ -1,5 +1,7 @@
 #include "log/LogDdi.h"
 
+#include <pthread.h>
+
 #include <cstdlib>
 #include <new>
 
@@ -10,9 +12,18 @@ namespace LogDdi {
 
 namespace {
 
+void ForsakeLogInChild();
+
 std::shared_ptr<LogSetup> CreateSetup() {
-    const char* file = std::getenv("TAVIK_DDI_LOG_FILE");
-    const char* level = std::getenv("TAVIK_DDI_LOG_LEVEL");
+    // Without the fork handler a child would flush, write a footer into the
+    // parent's file and join a worker it does not have: better no log at all.
+    if (pthread_atfork(nullptr, nullptr, &ForsakeLogInChild) != 0) {
+        return nullptr;
+    }
+    // In a program that runs with more rights than its user, that user must not
+    // choose a file for it to create and write: such a program has no log.
+    const char* file = secure_getenv("TAVIK_DDI_LOG_FILE");
+    const char* level = secure_getenv("TAVIK_DDI_LOG_LEVEL");
     try {
         LogSetupFile* raw = new (std::nothrow) LogSetupFile(file, level != nullptr ? level : "");
         return std::shared_ptr<LogSetup>(raw);
@@ -50,6 +61,24 @@ std::shared_ptr<LogSetup>& setup = g_setupStorage.setup;
 Log::LibInitHelper libPostInitHelper(Log::LibInitHelper::PostInit, Log::LibInitHelper::Immediate);
 
 namespace {
+
+// The child of a fork has no log. Its copy of the set-up is moved here and never
+// destroyed: destroying it would flush, write a footer into the parent's file,
+// join a worker that exists only in the parent and take mutexes that a parent
+// thread may have held at the fork. Static storage keeps it reachable, so a leak
+// checker at the child's exit does not count it.
+alignas(std::shared_ptr<LogSetup>) unsigned char g_forsakenStorage[sizeof(std::shared_ptr<LogSetup>)];
+
+void ForsakeLogInChild() {
+    LogSetup* current = setup.get();
+    if (current == nullptr) {
+        return; // no log, or already forsaken in a child of this child
+    }
+    if (Log* log = current->PeekLog()) {
+        log->ForsakeInChild();
+    }
+    new (g_forsakenStorage) std::shared_ptr<LogSetup>(std::move(setup));
+}
 
 // Marks the unload first, as libPostInitHelper's destruction would.
 __attribute__((destructor)) void ReleaseSetupAtUnload() {
