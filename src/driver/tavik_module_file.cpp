@@ -1,4 +1,4 @@
-#include "driver/tavik_module_file.h"
+#include "tavik_module_file.h"
 
 #include <limits.h>
 #include <stdarg.h>

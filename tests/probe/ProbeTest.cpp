@@ -111,7 +111,7 @@ Watching 2 camera(s) for 0.5 s...
       "library": {"path": "string", "version": "string", "major": "number", "minor": "number", "build": "number"},
       "cameras": [{"index": "number", "bus": "string", "slot": "number", "mode": "string", "name": "string", "path": "string"}],
       "drivers": [{"slot": "number", "type": "string", "loaded": "boolean", "mode": "string", "module": "string",
-                   "devices": "number"}],
+                   "devices": "number", "incompatible": "number"}], "skipped_modules": [],
       "open": [{"camera": "number", "open": RESULT, "close": "null"}, {"camera": "number", "open": RESULT, "close": RESULT}],
       "watch": {"seconds": "number", "cameras": "number", "interrupted": "boolean", "event_count": "number",
                 "events_dropped": "number", "failures": [{"call": "string", "code": "number", "name": "string",
@@ -120,6 +120,36 @@ Watching 2 camera(s) for 0.5 s...
     json& ev = doc["watch"]["events"];
     EXPECT_EQ(json({doc["watch"]["event_count"], ev[0]["camera"], ev[0]["type"], ev[1]["type"], ev[1]["name"]}),
               json({ev.size(), 1, 4, 8, "NOTIFICATION_EOF"}));
+  });
+}
+
+// A folder whose modules the library does not all keep: each one left out is named with its reason, as is the
+// module whose device the camera list left out, and the compliance checker is suggested for each.
+TEST_F(ProbeCli, ModulesLeftOutAndWhy) {
+  RunInChild([](ChildContext& ctx) {
+    EnterPrivateDev();
+    const std::string dir = ctx.tmp + "/modules", fixtures = TAVIK_TEST_FIXTURES_DIR;
+    ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+    ASSERT_EQ(mkfifo((dir + "/tavik_a.x86_64.umd").c_str(), 0644), 0);
+    std::filesystem::copy_file(fixtures + "/undefined/tavik_undefined.x86_64.umd", dir + "/tavik_b.x86_64.umd");
+    std::filesystem::copy_file(fixtures + "/good/tavik_good.x86_64.umd", dir + "/tavik_c.x86_64.umd");
+    std::filesystem::copy_file(fixtures + "/good/tavik_good.x86_64.umd", dir + "/tavik_d.x86_64.umd");
+    const ProcessResult r = Probe({"--umd-path", dir}), j = Probe({"--umd-path", dir, "--json"});
+    EXPECT_EQ(std::make_pair(r.exitStatus, j.exitStatus), std::make_pair(0, 0)) << r.err << j.err;
+    const std::string check = "    Check it with: tavik-ddi-compliance " + dir;
+    EXPECT_NE(r.out.find("\nSkipped modules in " + dir + ":\n  " + dir + "/tavik_a.x86_64.umd: not a regular file\n" +
+                         check + "/tavik_a.x86_64.umd\n  " + dir + "/tavik_b.x86_64.umd: " + dir +
+                         "/tavik_b.x86_64.umd: undefined symbol: tavik_fixture_nowhere\n" + check +
+                         "/tavik_b.x86_64.umd\n  " + dir + "/tavik_d.x86_64.umd: bus type already served\n" + check +
+                         "/tavik_d.x86_64.umd\n\nIncompatible devices left out of the camera list: 1 of slot 0 (" + dir +
+                         "/tavik_c.x86_64.umd)\n" + check.substr(2) + "/tavik_c.x86_64.umd\n\nUninit"),
+              std::string::npos) << r.out;
+    const json doc = json::parse(j.out, nullptr, false);
+    EXPECT_EQ(doc["skipped_modules"], json::parse(std::regex_replace(R"([
+        {"file": "D/tavik_a.x86_64.umd", "reason": "not a regular file"},
+        {"file": "D/tavik_b.x86_64.umd", "reason": "D/tavik_b.x86_64.umd: undefined symbol: tavik_fixture_nowhere"},
+        {"file": "D/tavik_d.x86_64.umd", "reason": "bus type already served"}])", std::regex("D/"), dir + "/")));
+    EXPECT_EQ(json({doc["drivers"][0]["incompatible"], doc["drivers"][4]["incompatible"]}), json({1, 0}));
   });
 }
 

@@ -73,6 +73,20 @@ void WriteText(const ProbeReport& report, std::FILE* out) {
                  driver.module.empty() ? "-" : driver.module.c_str());
   }
 
+  // Each module the library did not keep, or kept with devices it left out of
+  // the list: the compliance checker tells the module's author what is wrong.
+  if (!report.skippedModules.empty()) std::fprintf(out, "\nSkipped modules in %s:\n", report.moduleFolder.c_str());
+  for (const SkippedModule& skipped : report.skippedModules) {
+    std::fprintf(out, "  %s: %s\n", skipped.file.c_str(), skipped.reason.c_str());
+    std::fprintf(out, "    Check it with: tavik-ddi-compliance %s\n", skipped.file.c_str());
+  }
+  for (const DriverRecord& driver : report.drivers) {
+    if (driver.incompatible == 0) continue;
+    std::fprintf(out, "\nIncompatible devices left out of the camera list: %u of slot %u (%s)\n",
+                 driver.incompatible, driver.slot, driver.module.empty() ? "kernel mode" : driver.module.c_str());
+    if (!driver.module.empty()) std::fprintf(out, "  Check it with: tavik-ddi-compliance %s\n", driver.module.c_str());
+  }
+
   if (report.openRequested) {
     std::fprintf(out, "\nOpen and close:\n");
     if (report.opens.empty()) std::fprintf(out, "  no cameras\n");
@@ -156,9 +170,15 @@ void WriteJson(const ProbeReport& report, std::FILE* out) {
       entry["module"] = nullptr;
       entry["devices"] = 0;
     }
+    entry["incompatible"] = driver.incompatible;
     drivers.push_back(entry);
   }
   document["drivers"] = drivers;
+
+  nlohmann::json skipped = nlohmann::json::array();
+  for (const SkippedModule& module : report.skippedModules)
+    skipped.push_back({{"file", module.file}, {"reason", module.reason}});
+  document["skipped_modules"] = skipped;
 
   if (report.openRequested) {
     nlohmann::json opens = nlohmann::json::array();

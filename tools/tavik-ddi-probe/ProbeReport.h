@@ -35,6 +35,13 @@ struct DriverRecord {
   std::string mode;
   std::string module;  // empty for a kernel-mode driver
   unsigned devices = 0;
+  unsigned incompatible = 0;  // devices missing an operation, left out of the camera list
+};
+
+// A module of the searched folder that holds no driver slot, and why.
+struct SkippedModule {
+  std::string file;
+  std::string reason;
 };
 
 struct OpenRecord {
@@ -70,6 +77,8 @@ struct ProbeReport {
   bool initialised = false;
   std::vector<CameraRecord> cameras;
   std::vector<DriverRecord> drivers;
+  std::string moduleFolder;  // TAVIK_UMD_PATH, when it names a folder
+  std::vector<SkippedModule> skippedModules;
   bool openRequested = false;
   std::vector<OpenRecord> opens;
   WatchRecord watch;

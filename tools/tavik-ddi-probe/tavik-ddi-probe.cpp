@@ -17,6 +17,7 @@
 #include "DdiLibrary.h"
 #include "DeviceSurvey.h"
 #include "EventWatch.h"
+#include "ModuleSurvey.h"
 #include "ProbeNames.h"
 #include "ProbeReport.h"
 
@@ -140,6 +141,8 @@ int Run(const Options& options, bool umdGiven, bool logGiven, bool levelGiven) {
     status = kExitEntryPoint;
   } else {
     probe::SurveyDevices(ddi, report);
+    const char* folder = std::getenv("TAVIK_UMD_PATH");
+    probe::SurveyModules(folder != nullptr ? folder : "", ddi, report);
     if (options.open && !probe::CheckOpenClose(ddi, report)) status = kExitDevice;
     if (!options.json) {
       probe::WriteText(report, stdout);
