@@ -94,11 +94,6 @@ public:
     // A listener's word that it could not keep a delivered entry (a full disk).
     void CountLost(uint64_t entries) noexcept { m_lostTotal.fetch_add(entries); }
 
-    // For the child of a fork, whose copy of the log must never be used: its worker
-    // exists only in the parent, and a parent thread may have held its mutexes at
-    // the fork. Every level test fails from now on, so nothing more is queued.
-    void ForsakeInChild() noexcept { m_hasListeners.store(false); }
-
     static uint16_t& GetThreadDepth();
     static void IncreaseThreadDepth();
     static bool DecreaseThreadDepth();

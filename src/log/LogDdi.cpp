@@ -70,13 +70,10 @@ namespace {
 alignas(std::shared_ptr<LogSetup>) unsigned char g_forsakenStorage[sizeof(std::shared_ptr<LogSetup>)];
 
 void ForsakeLogInChild() {
-    LogSetup* current = setup.get();
-    if (current == nullptr) {
+    if (!setup) {
         return; // no log, or already forsaken in a child of this child
     }
-    if (Log* log = current->PeekLog()) {
-        log->ForsakeInChild();
-    }
+    // The library's operations find no set-up from now on and run untraced.
     new (g_forsakenStorage) std::shared_ptr<LogSetup>(std::move(setup));
 }
 

@@ -195,6 +195,16 @@ TEST_F(Security, SetuidCoreIgnoresItsUsersEnvironment) {
                                           "/modules/tavik_usb.x86_64.umd'\nuninit 0\nemulator cameras 3\nexit 0\n");
   EXPECT_TRUE(fs::exists(dir + "/rootonly/ddi.log"));
   EXPECT_TRUE(fs::exists(dir + "/nobody/calls.txt"));
+
+  // A known name that the loader finds beside the library, in a folder anyone may write, is closed again.
+  fs::create_directories(dir + "/lib/tavik/modules");
+  fs::copy_file(FixtureDir("usb/tavik_usbdrv.x86_64.umd"), dir + "/lib/tavik/modules/tavik_usb.x86_64.umd");
+  ASSERT_EQ(chmod((dir + "/lib/tavik/modules").c_str(), 01777), 0);
+  EXPECT_EQ(RunCore(dir, "TAVIK_DDI_LOG_FILE=" + dir + "/known.log TAVIK_DDI_LOG_LEVEL=error", false),
+            "secure 0\ninit 0\nuninit 0\nemulator cameras 1\nexit 0\n");
+  EXPECT_NE(ReadFile(dir + "/known.log").find("Refused library '" + dir +
+                                              "/lib/tavik/modules/tavik_usb.x86_64.umd' (world-writable folder)"),
+            std::string::npos) << ReadFile(dir + "/known.log");
   fs::remove_all(dir);
 }
 
