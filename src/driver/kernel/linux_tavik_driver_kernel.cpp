@@ -118,10 +118,9 @@ void NotifThreadLoop(kt::LogFn* fn, tavik_driver_device* device,
             usleep(10000);
             continue;
         }
-        // Stop sets the flag and then writes to the pipe; data on it alone does
-        // not end the loop, and a pipe in error always does.
+        // Stop sets the flag, then writes to the pipe: the flag ends the loop at
+        // the next pass, data on the pipe alone does not. A pipe in error does.
         if (fds[1].revents & kPollFailure) break;
-        if ((fds[1].revents & POLLIN) && priv->notif_stop.load(std::memory_order_seq_cst)) break;
         if (fds[0].revents & kPollFailure) {
             DDI_TRACE_MSG(fn, Error, ">>> '%s': Device error", name);
             // An unplugged camera reports its error on every poll at once; without
@@ -253,11 +252,11 @@ int16 DevStopNotifThread(tavik_driver_device* device) {
     // A byte on the pipe is the wake-up. Closing the pipe would not be: a program
     // forked meanwhile may hold its write end, so it would not hang up, and the
     // numbers could be reused while the thread still polls them. So the pipe is
-    // closed only after the join. One byte never fills an empty pipe.
+    // closed only after the join. One byte on an empty pipe neither blocks nor fails.
     if (priv->abort_pipe_write != -1) {
         const char wake = 1;
-        while (write(priv->abort_pipe_write, &wake, 1) == -1 && errno == EINTR) {
-        }
+        const ssize_t written = write(priv->abort_pipe_write, &wake, 1);
+        static_cast<void>(written);
     }
     if (priv->notif_thread.joinable()) priv->notif_thread.join();
     ReleaseNotifResources(priv);
