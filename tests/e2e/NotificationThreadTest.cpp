@@ -31,41 +31,49 @@ std::map<int, std::string> FdTargets(const std::string& proc) {
   return targets;
 }
 
-// The core starts a program (here one that runs for 30 s) while a camera's notifications run. The program must hold
-// none of the library's descriptors, and stop must not wait for it.
-TEST_F(NotificationThread, StopReturnsWhileAProgramTheCoreStartedRuns) {
-  RunInChild([](ChildContext& ctx) {
-    EnterPrivateDev();
-    ctx.EnableLog("error");
-    MakeFifo("tavikSW_0");
-    SimCamera* cam = SimCamera::Attach("/dev/tavikSW_0");
-    ASSERT_NE(cam, nullptr);
-    const std::map<int, std::string> before = FdTargets("/proc/self");
-    TAVIK_LOAD(lib);
-    Ddi ddi{};
-    ASSERT_EQ(lib->init(&ddi), KZ_ERR_NONE);
-    tavik_driver_device* d = ddi.devices[0];
-    ASSERT_EQ(d->open(d), KZ_ERR_NONE);
-    ASSERT_EQ(d->start_notif_thread(d, Ignore), KZ_ERR_NONE);
-    while (cam->polls < 1) usleep(200);
-    std::set<std::string> ours;  // the log file, the device node and the wake-up pipe
-    for (const auto& [fd, target] : FdTargets("/proc/self"))
-      if (before.count(fd) == 0) ours.insert(target);
-    ASSERT_GE(ours.size(), 3u);
+// The core starts a program (one that runs for 30 s) while a camera's notifications run: with exec, the program must
+// hold none of the library's descriptors; without exec, it holds them all. Either way stop must not wait for it.
+TEST_F(NotificationThread, StopReturnsWhileAProcessTheCoreStartedRuns) {
+  for (const bool exec : {true, false}) {
+    SCOPED_TRACE(exec ? "fork and exec" : "fork alone");
+    RunInChild([exec](ChildContext& ctx) {
+      EnterPrivateDev();
+      ctx.EnableLog("error");
+      MakeFifo("tavikSW_0");
+      SimCamera* cam = SimCamera::Attach("/dev/tavikSW_0");
+      ASSERT_NE(cam, nullptr);
+      const std::map<int, std::string> before = FdTargets("/proc/self");
+      TAVIK_LOAD(lib);
+      Ddi ddi{};
+      ASSERT_EQ(lib->init(&ddi), KZ_ERR_NONE);
+      tavik_driver_device* d = ddi.devices[0];
+      ASSERT_EQ(d->open(d), KZ_ERR_NONE);
+      ASSERT_EQ(d->start_notif_thread(d, Ignore), KZ_ERR_NONE);
+      while (cam->polls < 1) usleep(200);
+      std::set<std::string> ours;  // the log file, the device node and the wake-up pipe
+      for (const auto& [fd, target] : FdTargets("/proc/self"))
+        if (before.count(fd) == 0) ours.insert(target);
+      ASSERT_GE(ours.size(), 3u);
 
-    pid_t child = 0;
-    char* argv[] = {const_cast<char*>("sleep"), const_cast<char*>("30"), nullptr};
-    ASSERT_EQ(posix_spawnp(&child, "sleep", nullptr, nullptr, argv, environ), 0);  // returns once it has exec'd
-    for (const auto& [fd, target] : FdTargets("/proc/" + std::to_string(child)))
-      EXPECT_EQ(ours.count(target), 0u) << "the program inherited descriptor " << fd << ": " << target;
-    EXPECT_EQ(d->stop_notif_thread(d), KZ_ERR_NONE);
-    int status = 0;
-    EXPECT_EQ(waitpid(child, &status, WNOHANG), 0) << "stop waited for the program to end";
-    kill(child, SIGKILL);
-    waitpid(child, &status, 0);
-    EXPECT_EQ(d->close(d), KZ_ERR_NONE);
-    EXPECT_EQ(lib->uninit(&ddi), KZ_ERR_NONE);
-  }, 20);
+      pid_t child = 0;
+      char* argv[] = {const_cast<char*>("sleep"), const_cast<char*>("30"), nullptr};
+      if (exec) {
+        ASSERT_EQ(posix_spawnp(&child, "sleep", nullptr, nullptr, argv, environ), 0);  // returns once it has exec'd
+        for (const auto& [fd, target] : FdTargets("/proc/" + std::to_string(child)))
+          EXPECT_EQ(ours.count(target), 0u) << "the program inherited descriptor " << fd << ": " << target;
+      } else if ((child = fork()) == 0) {
+        alarm(30);  // ends it also when a hang ends this child first
+        for (;;) pause();
+      }
+      EXPECT_EQ(d->stop_notif_thread(d), KZ_ERR_NONE);
+      int status = 0;
+      EXPECT_EQ(waitpid(child, &status, WNOHANG), 0) << "stop waited for the process to end";
+      kill(child, SIGKILL);
+      waitpid(child, &status, 0);
+      EXPECT_EQ(d->close(d), KZ_ERR_NONE);
+      EXPECT_EQ(lib->uninit(&ddi), KZ_ERR_NONE);
+    }, 20);
+  }
 }
 
 // An unplugged camera reports POLLERR on every poll. Each pass still logs "Device error", but the passes are paced
