@@ -23,6 +23,14 @@ class NotificationThread : public ChildTest {};
 
 int16 Ignore(tavik_driver_device*, tavik_notif*) { return KZ_ERR_NONE; }
 
+// A private /dev with one simulated camera, the log at level E.
+SimCamera* EnterWithCamera(ChildContext& ctx) {
+  EnterPrivateDev();
+  ctx.EnableLog("error");
+  MakeFifo("tavikSW_0");
+  return SimCamera::Attach("/dev/tavikSW_0");
+}
+
 // What the descriptors of a process point at ("pipe:[4711]", "/dev/tavikSW_0"), by number.
 std::map<int, std::string> FdTargets(const std::string& proc) {
   std::map<int, std::string> targets;
@@ -37,10 +45,7 @@ TEST_F(NotificationThread, StopReturnsWhileAProcessTheCoreStartedRuns) {
   for (const bool exec : {true, false}) {
     SCOPED_TRACE(exec ? "fork and exec" : "fork alone");
     RunInChild([exec](ChildContext& ctx) {
-      EnterPrivateDev();
-      ctx.EnableLog("error");
-      MakeFifo("tavikSW_0");
-      SimCamera* cam = SimCamera::Attach("/dev/tavikSW_0");
+      SimCamera* cam = EnterWithCamera(ctx);
       ASSERT_NE(cam, nullptr);
       const std::map<int, std::string> before = FdTargets("/proc/self");
       TAVIK_LOAD(lib);
@@ -66,10 +71,9 @@ TEST_F(NotificationThread, StopReturnsWhileAProcessTheCoreStartedRuns) {
         for (;;) pause();
       }
       EXPECT_EQ(d->stop_notif_thread(d), KZ_ERR_NONE);
-      int status = 0;
-      EXPECT_EQ(waitpid(child, &status, WNOHANG), 0) << "stop waited for the process to end";
+      EXPECT_EQ(waitpid(child, nullptr, WNOHANG), 0) << "stop waited for the process to end";
       kill(child, SIGKILL);
-      waitpid(child, &status, 0);
+      waitpid(child, nullptr, 0);
       EXPECT_EQ(d->close(d), KZ_ERR_NONE);
       EXPECT_EQ(lib->uninit(&ddi), KZ_ERR_NONE);
     }, 20);
@@ -80,10 +84,7 @@ TEST_F(NotificationThread, StopReturnsWhileAProcessTheCoreStartedRuns) {
 // by a pause of 10 ms: no more of them than 10 ms fit into the time the thread ran.
 TEST_F(NotificationThread, DeviceInErrorIsLoggedOnEveryPassAndPaced) {
   RunInChild([](ChildContext& ctx) {
-    EnterPrivateDev();
-    ctx.EnableLog("error");
-    MakeFifo("tavikSW_0");
-    SimCamera* cam = SimCamera::Attach("/dev/tavikSW_0");
+    SimCamera* cam = EnterWithCamera(ctx);
     ASSERT_NE(cam, nullptr);
     cam->FailPolls(0, INT_MAX);
     int passes = 0;
