@@ -20,6 +20,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -332,6 +333,67 @@ void BM_Ddi_NotifyLatency(benchmark::State& state) {
   d->close(d);
 }
 
+// ---- a camera in error: what its notification thread costs ----------------
+
+// Every poll on the camera reports POLLERR, as an unplugged camera's node does.
+// An iteration is one second of wall time with the thread running; the counter
+// is the process's CPU time in it (the thread and the log worker that writes
+// its lines) in percent of one core. The floor is the plain loop that pauses
+// 10 ms after each error, as the library does.
+double ProcessCpuSeconds() {
+  timespec ts{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+template <class Start, class Stop>
+void MeasureDeviceInError(benchmark::State& state, Start start, Stop stop) {
+  g_cam->FailPolls(0, INT_MAX);
+  const int pollsBefore = g_cam->polls;
+  start();
+  double cpu = 0, wall = 0;
+  for (auto _ : state) {
+    const double c0 = ProcessCpuSeconds();
+    const auto t0 = Clock::now();
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    wall += std::chrono::duration<double>(Clock::now() - t0).count();
+    cpu += ProcessCpuSeconds() - c0;
+    state.SetIterationTime(1.0);
+  }
+  stop();
+  g_cam->FailPolls(0, 0);
+  state.counters["cpu_pct"] = wall > 0 ? 100.0 * cpu / wall : 0;
+  state.counters["passes_per_s"] = wall > 0 ? (g_cam->polls - pollsBefore) / wall : 0;
+}
+
+void BM_Raw_DeviceInError(benchmark::State& state) {
+  const int fd = open(kCameraNode, O_RDWR);
+  std::atomic<bool> stopping{false};
+  std::thread reader;
+  MeasureDeviceInError(
+      state,
+      [&] {
+        reader = std::thread([&] {
+          struct pollfd p = {fd, POLLPRI, 0};
+          while (!stopping)
+            if (poll(&p, 1, -1) == 1 && (p.revents & POLLERR)) usleep(10000);
+        });
+      },
+      [&] {
+        stopping = true;
+        reader.join();
+      });
+  close(fd);
+}
+
+void BM_Ddi_DeviceInError(benchmark::State& state) {
+  tavik_driver_device* d = g_inst[state.range(0)].camera;
+  d->open(d);
+  MeasureDeviceInError(
+      state, [&] { d->start_notif_thread(d, OnNotification); }, [&] { d->stop_notif_thread(d); });
+  d->close(d);
+}
+
 // ---- tavik_ddi_init with 16 nodes and two modules -------------------------
 
 void BM_Ddi_Init16Nodes2Modules(benchmark::State& state) {
@@ -383,6 +445,8 @@ void Register() {
   benchmark::RegisterBenchmark("Raw_NotifyLatency", BM_Raw_NotifyLatency)->UseManualTime()->Iterations(3000);
   benchmark::RegisterBenchmark("Ddi_NotifyLatency", BM_Ddi_NotifyLatency)
       ->Apply(levels)->UseManualTime()->Iterations(3000);
+  benchmark::RegisterBenchmark("Raw_DeviceInError", BM_Raw_DeviceInError)->UseManualTime()->Iterations(3);
+  benchmark::RegisterBenchmark("Ddi_DeviceInError", BM_Ddi_DeviceInError)->Apply(levels)->UseManualTime()->Iterations(3);
   benchmark::RegisterBenchmark("Ddi_Init16Nodes2Modules", BM_Ddi_Init16Nodes2Modules)->UseManualTime()->Iterations(300);
 }
 
@@ -421,6 +485,13 @@ void PrintRatios(const MedianReporter& rep) {
     std::string n = "Ddi_NotifyLatency/log:" + std::to_string(l) + "/iterations:3000/manual_time";
     double p50 = counter(n, "p50_us");
     std::printf("%-10s %10.1f %10.1f %10.3f\n", kLevels[l], p50, counter(n, "p99_us"), rp50 > 0 ? p50 / rp50 : 0.0);
+  }
+  std::printf("\nA camera in error on every poll, CPU of the process in %% of one core (passes a second):\n");
+  const std::string rawErr = "Raw_DeviceInError/iterations:3/manual_time";
+  std::printf("%-10s %8.2f (%.0f)\n", "raw", counter(rawErr, "cpu_pct"), counter(rawErr, "passes_per_s"));
+  for (int l = 0; l < 3; ++l) {
+    std::string n = "Ddi_DeviceInError/log:" + std::to_string(l) + "/iterations:3/manual_time";
+    std::printf("%-10s %8.2f (%.0f)\n", kLevels[l], counter(n, "cpu_pct"), counter(n, "passes_per_s"));
   }
   std::printf("\ntavik_ddi_init, 16 nodes and two modules, median: %.1f us\n",
               get(rep.median, "Ddi_Init16Nodes2Modules/iterations:300/manual_time") / 1000.0);

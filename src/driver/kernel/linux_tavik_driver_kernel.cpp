@@ -118,10 +118,14 @@ void NotifThreadLoop(kt::LogFn* fn, tavik_driver_device* device,
             usleep(10000);
             continue;
         }
-        // Stop closes the pipe; data on it alone does not end the loop.
+        // Stop sets the flag, then writes to the pipe: the flag ends the loop at
+        // the next pass, data on the pipe alone does not. A pipe in error does.
         if (fds[1].revents & kPollFailure) break;
         if (fds[0].revents & kPollFailure) {
             DDI_TRACE_MSG(fn, Error, ">>> '%s': Device error", name);
+            // An unplugged camera reports its error on every poll at once; without
+            // the pause the thread would take a core and flood the log.
+            usleep(10000);
             continue;
         }
         if (!(fds[0].revents & POLLPRI)) continue;
@@ -201,8 +205,10 @@ int16 DevStartNotifThread(tavik_driver_device* device, tavik_dcb_invoke_callback
     list->notifications[0].version = 1;
     priv->notif_stop.store(false, std::memory_order_seq_cst);
 
+    // Close-on-exec for both ends: a program that the core starts must not hold
+    // them, and no other call is made between the two.
     int pipeEnds[2];
-    if (pipe(pipeEnds) == -1) {
+    if (pipe2(pipeEnds, O_CLOEXEC) == -1) {
         const int error = errno;
         ReleaseNotifResources(priv);
         return kt::ReportFailure(fn.get(), KZ_ERR_INSUFFICIENT_RESOURCES,
@@ -243,15 +249,17 @@ int16 DevStopNotifThread(tavik_driver_device* device) {
     DDI_TRACE_MSG(fn, Debug, "Called stop_notif_thread for device '%s'", device->name);
 
     priv->notif_stop.store(true, std::memory_order_seq_cst);
-    // Closing the pipe is the wake-up: the thread's poll then reports it hung up
-    // or invalid. Nothing is ever written to it.
-    if (priv->abort_pipe_read != -1) close(priv->abort_pipe_read);
-    if (priv->abort_pipe_write != -1) close(priv->abort_pipe_write);
+    // A byte on the pipe is the wake-up. Closing the pipe would not be: a program
+    // forked meanwhile may hold its write end, so it would not hang up, and the
+    // numbers could be reused while the thread still polls them. So the pipe is
+    // closed only after the join. One byte on an empty pipe neither blocks nor fails.
+    if (priv->abort_pipe_write != -1) {
+        const char wake = 1;
+        const ssize_t written = write(priv->abort_pipe_write, &wake, 1);
+        static_cast<void>(written);
+    }
     if (priv->notif_thread.joinable()) priv->notif_thread.join();
-    priv->abort_pipe_read = -1;
-    priv->abort_pipe_write = -1;
-    std::free(priv->notif_buffer);
-    priv->notif_buffer = nullptr;
+    ReleaseNotifResources(priv);
 
     DDI_TRACE_RESULT(fn, "%s", GetErrCodeName(KZ_ERR_NONE));
     return KZ_ERR_NONE;

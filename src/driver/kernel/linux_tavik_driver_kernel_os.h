@@ -42,9 +42,17 @@ int16 tavik_driver_kernel_dev_stop_notif_thread(tavik_driver_device* device);
 // on the device I/O path; only failures pay for formatting, out of line.
 void tavik_driver_kernel_os_set_errno_details(int error);
 
+// The open that a camera's kernel driver sees is O_RDWR with no other flag.
+// Close-on-exec belongs to this process's descriptor alone and is set right
+// after, so that a program the core starts does not keep the camera open; it
+// cannot fail on a descriptor just opened.
 inline int tavik_driver_kernel_os_open(const char* path) {
     const int fd = open(path, O_RDWR);
-    if (fd == -1) tavik_driver_kernel_os_set_errno_details(errno);
+    if (fd == -1) {
+        tavik_driver_kernel_os_set_errno_details(errno);
+        return fd;
+    }
+    fcntl(fd, F_SETFD, FD_CLOEXEC);
     return fd;
 }
 
