@@ -2,7 +2,7 @@
 
 #include <sys/mman.h>
 
-#include <cstdint>
+#include <cstdlib>
 #include <new>
 
 #include "log/Log.h"
@@ -35,40 +35,38 @@ void PrefetchForWrite(const unsigned char* slot) noexcept {
     }
 }
 
-constexpr size_t kHugePage = 2 * 1024 * 1024;
-
 } // namespace
 
 // A free slot is poisoned whole (its link is elsewhere), so that AddressSanitizer
 // still reports a use of an entry after its memory went back to the pool.
 
 LogEntryPool::~LogEntryPool() {
-    if (m_mapping != nullptr) {
-        TAVIK_UNPOISON(m_slots, m_chunkCount.load(std::memory_order_relaxed) * kChunkBytes);
-        ::munmap(m_mapping, m_mappingSize);
+    const size_t count = m_chunkCount.load(std::memory_order_relaxed);
+    for (size_t i = 0; i < count; ++i) {
+        TAVIK_UNPOISON(m_chunks[i], kSlotBytes);
+    }
+    std::free(m_chunks[0]);
+    for (unsigned char* block : m_blocks) {
+        std::free(block);
     }
 }
 
-bool LogEntryPool::Reserve() noexcept {
-    // Laid out as: the links, then the first chunk, which ends on a 2 MiB
-    // boundary, then every other chunk.
-    const size_t linkBytes = kMaxSlots * sizeof(std::atomic<uint32_t>);
-    const size_t size = linkBytes + kHugePage + kMaxSlots * kSlotSize;
-    void* mapping = ::mmap(nullptr, size, PROT_READ | PROT_WRITE,
-                           MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (mapping == MAP_FAILED) {
-        return false;
+unsigned char* LogEntryPool::ChunkMemory(size_t index) noexcept {
+    if (index == 0) {
+        return static_cast<unsigned char*>(std::malloc(kChunkBytes));
     }
-    const auto start = reinterpret_cast<uintptr_t>(mapping);
-    const uintptr_t huge = (start + linkBytes + kChunkBytes + kHugePage - 1) & ~(kHugePage - 1);
-    // Where the kernel makes huge pages only when asked (or never), this is the
-    // ask (or a harmless failure): a chunk then costs one fault of 2 MiB, not 512.
-    ::madvise(reinterpret_cast<void*>(huge), start + size - huge, MADV_HUGEPAGE);
-    m_mapping = static_cast<unsigned char*>(mapping);
-    m_mappingSize = size;
-    m_links = static_cast<std::atomic<uint32_t>*>(mapping);
-    m_slots = reinterpret_cast<unsigned char*>(huge - kChunkBytes);
-    return true;
+    const size_t block = (index - 1) / kChunksPerBlock;
+    if (m_blocks[block] == nullptr) {
+        void* memory = std::aligned_alloc(kBlockBytes, kBlockBytes);
+        if (memory == nullptr) {
+            return nullptr;
+        }
+        // Where the kernel makes huge pages only when asked (or never), this is
+        // the ask (or a harmless failure): a block then costs one fault, not 512.
+        ::madvise(memory, kBlockBytes, MADV_HUGEPAGE);
+        m_blocks[block] = static_cast<unsigned char*>(memory);
+    }
+    return m_blocks[block] + (index - 1) % kChunksPerBlock * kChunkBytes;
 }
 
 bool LogEntryPool::Grow() noexcept {
@@ -81,15 +79,21 @@ bool LogEntryPool::Grow() noexcept {
             return true; // another producer grew the pool, or slots came back
         }
         const size_t index = m_chunkCount.load(std::memory_order_relaxed);
-        if (index == kMaxChunks || (m_mapping == nullptr && !Reserve())) {
+        if (index == kMaxChunks) {
             return false;
         }
+        unsigned char* chunk = ChunkMemory(index);
+        if (chunk == nullptr) {
+            return false;
+        }
+        auto* links = reinterpret_cast<std::atomic<uint32_t>*>(chunk + kSlotBytes);
         const auto first = static_cast<SlotId>(index * kSlotsPerChunk);
         for (size_t i = 0; i < kSlotsPerChunk; ++i) {
             // Each slot links to the one after it; Push sets the last one's link.
-            new (&m_links[first + i]) std::atomic<uint32_t>(static_cast<uint32_t>(first + i + 2));
+            new (&links[i]) std::atomic<uint32_t>(static_cast<uint32_t>(first + i + 2));
         }
-        TAVIK_POISON(SlotAddress(first), kChunkBytes);
+        TAVIK_POISON(chunk, kSlotBytes);
+        m_chunks[index] = chunk;
         m_chunkCount.store(index + 1, std::memory_order_relaxed);
         Push(first, static_cast<SlotId>(first + kSlotsPerChunk - 1));
         return true;

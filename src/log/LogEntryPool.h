@@ -15,13 +15,12 @@ namespace kt {
 // keeps them until it is destroyed; entries that are larger, or that arrive while
 // every slot is taken, use the C allocator as before.
 //
-// The slots lie in one reserved range of address space. The first chunk's
-// pages are ordinary ones, so that a log that never holds more than a few
-// hundred entries stays small; from the second chunk on the slots lie on 2 MiB
-// boundaries that the kernel may back with huge pages. A burst that fills the
-// queue would otherwise take a page fault every dozen entries, thousands of them
-// on the callers' path, each the price of many entries on a virtual machine, and
-// each one interrupting the worker on the other core.
+// The first chunk comes from the C allocator alone, so that a log that never
+// holds more than a few hundred entries stays small. The others are cut from
+// blocks of 2 MiB on 2 MiB boundaries that the kernel may back with huge pages:
+// a burst that filled the queue took a page fault every dozen entries on the
+// callers' path otherwise, thousands of them, each costing as much as many
+// entries on a virtual machine.
 //
 // Taking a slot takes no lock. A producer holding the pool's lock could be
 // preempted, and every other producer would then wait for the scheduler to bring
@@ -36,7 +35,6 @@ public:
     // for the dump line of a device read or write of 64 bytes (286 bytes in all),
     // which a 256-byte slot sent to the C allocator on every traced transfer.
     static constexpr size_t kSlotSize = 320;
-    // The pool grows by this many slots at a time.
     static constexpr size_t kSlotsPerChunk = 256;
     // Enough slots for every entry the overload rule lets the queue hold (the log
     // asserts it), so that a burst up to the threshold never falls back to the C
@@ -44,7 +42,7 @@ public:
     static constexpr size_t kMaxChunks = 200;
     static constexpr size_t kMaxSlots = kSlotsPerChunk * kMaxChunks;
 
-    // A slot's number, its place in the pool's one array of slots.
+    // A slot's number: its chunk times kSlotsPerChunk plus its place in the chunk.
     using SlotId = uint32_t;
 
     LogEntryPool() noexcept = default;
@@ -60,33 +58,39 @@ public:
     void Release(SlotId id) noexcept { Release(&id, 1); }
 
 private:
-    static constexpr size_t kChunkBytes = kSlotSize * kSlotsPerChunk;
+    static constexpr size_t kSlotBytes = kSlotSize * kSlotsPerChunk;
+    // A chunk's slots and their links.
+    static constexpr size_t kChunkBytes = kSlotBytes + kSlotsPerChunk * sizeof(std::atomic<uint32_t>);
+    static constexpr size_t kBlockBytes = 2 * 1024 * 1024;
+    static constexpr size_t kChunksPerBlock = kBlockBytes / kChunkBytes;
+    static constexpr size_t kMaxBlocks = (kMaxChunks - 1 + kChunksPerBlock - 1) / kChunksPerBlock;
 
     bool Grow() noexcept;
-    bool Reserve() noexcept;
+    // Memory for the chunk `index`; null when there is none (under m_growMutex).
+    unsigned char* ChunkMemory(size_t index) noexcept;
     // Puts the chain from `first` to `last` (already linked) on top of the stack.
     void Push(SlotId first, SlotId last) noexcept;
-    unsigned char* SlotAddress(SlotId id) const noexcept { return m_slots + size_t{id} * kSlotSize; }
-    std::atomic<uint32_t>& Link(SlotId id) const noexcept { return m_links[id]; }
+    unsigned char* SlotAddress(SlotId id) const noexcept {
+        return m_chunks[id / kSlotsPerChunk] + (id % kSlotsPerChunk) * kSlotSize;
+    }
+    std::atomic<uint32_t>& Link(SlotId id) const noexcept {
+        return reinterpret_cast<std::atomic<uint32_t>*>(m_chunks[id / kSlotsPerChunk] +
+                                                        kSlotBytes)[id % kSlotsPerChunk];
+    }
 
     // The stack's top: the low half is the top slot's number plus one (0 when the
     // stack is empty; links use the same encoding), the high half counts the
     // changes. A pop that read a top which was taken and given back meanwhile
     // fails its exchange on the count, and never installs a stale link (ABA).
     // Producers and the worker both change it: a line of its own, apart from the
-    // addresses, which every producer reads.
+    // chunks' addresses, which every producer reads.
     alignas(64) std::atomic<uint64_t> m_top{0};
-    // Held only while the pool grows; the memory of new slots is published with
-    // the stack's top that first holds them, so readers need no lock.
+    // Held only while a chunk is added; a chunk's address is published with the
+    // stack's top that first holds its slots, so readers need no lock.
     std::mutex m_growMutex;
     alignas(64) std::atomic<size_t> m_chunkCount{0};
-    // Address space for every slot the pool may ever hold and their links,
-    // reserved when the first entry needs a slot; pages are only made when a
-    // slot is first written.
-    unsigned char* m_mapping = nullptr;
-    size_t m_mappingSize = 0;
-    unsigned char* m_slots = nullptr;
-    std::atomic<uint32_t>* m_links = nullptr;
+    unsigned char* m_chunks[kMaxChunks] = {};
+    unsigned char* m_blocks[kMaxBlocks] = {};
 };
 
 } // namespace kt
