@@ -651,6 +651,130 @@ void BM_OverloadResidentMemory(benchmark::State& state) {
 }
 BENCHMARK(BM_OverloadResidentMemory)->Iterations(1)->Unit(benchmark::kMillisecond);
 
+// ---------------------------------------------------------------------------
+// End to end, as a program that uses the library sees it: a fresh log and file
+// sink (as the library's load makes them, outside the timing), then the time from
+// the first logging call, which starts the worker, until Flush returns with every
+// line in the file. Against a plain write() loop of the very same lines into a
+// fresh file of the same kind, in the same iteration; which of the two goes first
+// alternates from one iteration to the next. Run it alone or after the others: it
+// gives back the memory they freed before each round.
+
+void BM_FileSinkEndToEnd(benchmark::State& state) {
+    const int producers = static_cast<int>(state.range(0));
+    constexpr int kEntries = 40000;
+    TempDir dir;
+    const std::string ours = dir.File("end-to-end.log");
+    const std::string plain = dir.File("end-to-end-write.log");
+
+    // One timed run of ours; returns its seconds, or a negative value when an
+    // entry was dropped.
+    const auto runOurs = [&]() -> double {
+        unlink(ours.c_str());
+        // As in a process that starts logging: the memory that earlier rounds and
+        // benchmarks freed goes back to the system first, so that the log's entries
+        // meet pages never touched, not ones the C allocator kept.
+        malloc_trim(0);
+        ScopedSetup setup(ours.c_str(), "I");
+        const std::shared_ptr<kt::Log> log = kt::LogDdi::GetLog();
+        std::atomic<int> ready{0};
+        std::atomic<bool> go{false};
+        std::vector<std::thread> threads;
+        for (int p = 0; p < producers; ++p) {
+            threads.emplace_back([&, p] {
+                TouchStack();
+                ready.fetch_add(1);
+                while (!go.load()) {
+                    std::this_thread::yield();
+                }
+                for (int i = p; i < kEntries; i += producers) {
+                    LogOurs(*log, i);
+                }
+            });
+        }
+        while (ready.load() != producers) {
+            std::this_thread::yield();
+        }
+        const auto t0 = Clock::now();
+        go.store(true);
+        for (auto& t : threads) {
+            t.join();
+        }
+        const uint64_t dropped = log->Flush(1000);
+        const auto t1 = Clock::now();
+        return dropped != 0 ? -1.0 : std::chrono::duration<double>(t1 - t0).count();
+    };
+
+    // The lines the baseline writes: those of a first run of ours, untimed.
+    if (runOurs() < 0) {
+        state.SkipWithError("entries were dropped");
+        return;
+    }
+    std::vector<std::string> lines;
+    {
+        std::ifstream in(ours);
+        std::string line;
+        while (std::getline(in, line)) {
+            if (line.find("frame") != std::string::npos) {
+                lines.push_back(line + "\n");
+            }
+        }
+    }
+    if (lines.size() != static_cast<size_t>(kEntries)) {
+        state.SkipWithError("the first run did not write every line");
+        return;
+    }
+    const auto runWrite = [&]() -> double {
+        unlink(plain.c_str());
+        const int fd = open(plain.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        const auto t0 = Clock::now();
+        for (const std::string& line : lines) {
+            benchmark::DoNotOptimize(write(fd, line.data(), line.size()));
+        }
+        const auto t1 = Clock::now();
+        close(fd);
+        return std::chrono::duration<double>(t1 - t0).count();
+    };
+
+    std::vector<double> ratios;
+    double writeSeconds = 0;
+    double oursSeconds = 0;
+    bool writeFirst = true;
+    for (auto _ : state) {
+        double w = 0;
+        double o = 0;
+        if (writeFirst) {
+            w = runWrite();
+            o = runOurs();
+        } else {
+            o = runOurs();
+            w = runWrite();
+        }
+        writeFirst = !writeFirst;
+        if (o < 0) {
+            state.SkipWithError("entries were dropped");
+            break;
+        }
+        state.SetIterationTime(o);
+        writeSeconds += w;
+        oursSeconds += o;
+        ratios.push_back(w / o);
+    }
+    std::sort(ratios.begin(), ratios.end());
+    const double entries = static_cast<double>(state.iterations()) * kEntries;
+    state.counters["write_lines_per_s"] = entries / writeSeconds;
+    state.counters["log_entries_per_s"] = entries / oursSeconds;
+    state.counters["ratio_vs_write"] = writeSeconds / oursSeconds;
+    state.counters["ratio_vs_write_p50"] = Percentile(ratios, 0.5);
+    state.SetItemsProcessed(state.iterations() * kEntries);
+}
+BENCHMARK(BM_FileSinkEndToEnd)
+    ->ArgName("producers")
+    ->Arg(1)
+    ->Arg(2)
+    ->UseManualTime()
+    ->Iterations(20);
+
 } // namespace
 
 BENCHMARK_MAIN();

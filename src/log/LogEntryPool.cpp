@@ -1,5 +1,7 @@
 #include "log/LogEntryPool.h"
 
+#include <sys/mman.h>
+
 #include <cstdlib>
 #include <new>
 
@@ -42,8 +44,29 @@ LogEntryPool::~LogEntryPool() {
     const size_t count = m_chunkCount.load(std::memory_order_relaxed);
     for (size_t i = 0; i < count; ++i) {
         TAVIK_UNPOISON(m_chunks[i], kSlotBytes);
-        std::free(m_chunks[i]);
     }
+    std::free(m_chunks[0]);
+    for (unsigned char* block : m_blocks) {
+        std::free(block);
+    }
+}
+
+unsigned char* LogEntryPool::ChunkMemory(size_t index) noexcept {
+    if (index == 0) {
+        return static_cast<unsigned char*>(std::malloc(kChunkBytes));
+    }
+    const size_t block = (index - 1) / kChunksPerBlock;
+    if (m_blocks[block] == nullptr) {
+        void* memory = std::aligned_alloc(kBlockBytes, kBlockBytes);
+        if (memory == nullptr) {
+            return nullptr;
+        }
+        // Where the kernel makes huge pages only when asked (or never), this is
+        // the ask (or a harmless failure): a block then costs one fault, not 512.
+        ::madvise(memory, kBlockBytes, MADV_HUGEPAGE);
+        m_blocks[block] = static_cast<unsigned char*>(memory);
+    }
+    return m_blocks[block] + (index - 1) % kChunksPerBlock * kChunkBytes;
 }
 
 bool LogEntryPool::Grow() noexcept {
@@ -59,8 +82,7 @@ bool LogEntryPool::Grow() noexcept {
         if (index == kMaxChunks) {
             return false;
         }
-        auto* chunk = static_cast<unsigned char*>(
-            std::malloc(kSlotBytes + kSlotsPerChunk * sizeof(std::atomic<uint32_t>)));
+        unsigned char* chunk = ChunkMemory(index);
         if (chunk == nullptr) {
             return false;
         }

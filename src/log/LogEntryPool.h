@@ -15,6 +15,13 @@ namespace kt {
 // keeps them until it is destroyed; entries that are larger, or that arrive while
 // every slot is taken, use the C allocator as before.
 //
+// The first chunk comes from the C allocator alone, so that a log that never
+// holds more than a few hundred entries stays small. The others are cut from
+// blocks of 2 MiB on 2 MiB boundaries that the kernel may back with huge pages:
+// a burst that filled the queue took a page fault every dozen entries on the
+// callers' path otherwise, thousands of them, each costing as much as many
+// entries on a virtual machine.
+//
 // Taking a slot takes no lock. A producer holding the pool's lock could be
 // preempted, and every other producer would then wait for the scheduler to bring
 // it back; the free slots are instead a stack whose top is swapped with one
@@ -52,8 +59,15 @@ public:
 
 private:
     static constexpr size_t kSlotBytes = kSlotSize * kSlotsPerChunk;
+    // A chunk's slots and their links.
+    static constexpr size_t kChunkBytes = kSlotBytes + kSlotsPerChunk * sizeof(std::atomic<uint32_t>);
+    static constexpr size_t kBlockBytes = 2 * 1024 * 1024;
+    static constexpr size_t kChunksPerBlock = kBlockBytes / kChunkBytes;
+    static constexpr size_t kMaxBlocks = (kMaxChunks - 1 + kChunksPerBlock - 1) / kChunksPerBlock;
 
     bool Grow() noexcept;
+    // Memory for the chunk `index`; null when there is none (under m_growMutex).
+    unsigned char* ChunkMemory(size_t index) noexcept;
     // Puts the chain from `first` to `last` (already linked) on top of the stack.
     void Push(SlotId first, SlotId last) noexcept;
     unsigned char* SlotAddress(SlotId id) const noexcept {
@@ -76,6 +90,7 @@ private:
     std::mutex m_growMutex;
     alignas(64) std::atomic<size_t> m_chunkCount{0};
     unsigned char* m_chunks[kMaxChunks] = {};
+    unsigned char* m_blocks[kMaxBlocks] = {};
 };
 
 } // namespace kt

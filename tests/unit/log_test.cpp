@@ -102,6 +102,29 @@ TEST(LogCore, AboveFiftyThousandQueuedNewEntriesAreOnlyCountedThenReportedOnce) 
     EXPECT_TRUE(report.m_category == "***" && report.m_level == LogEntry::Warning && report.m_depth == 0);
 }
 
+// More entries held than the log keeps memory for: the rest come from the C allocator and arrive in order with the
+// others.
+TEST(LogCore, EntriesBeyondTheLogsOwnMemoryArriveInOrder) {
+    constexpr int kHeld = 52000;
+    auto rec = std::make_shared<Recorder>();
+    std::vector<LogEntry> lines;
+    {
+        auto log = std::make_shared<Log>(LogEntry::Trace);
+        ASSERT_TRUE(log->AddListener(rec));
+        rec->Allow(0);
+        log->AddEntry("DDI", LogEntry::Info, "%s", "first");
+        ASSERT_TRUE(rec->WaitHeld());
+        for (int i = 0; i < kHeld; ++i) log->AddEntry("DDI", LogEntry::Info, "entry %d", i);
+        rec->Allow(-1);
+        EXPECT_EQ(log->Flush(60000), 0u);
+        lines = rec->Lines();
+    }
+    // The queue was above the overload threshold, so an overload report with nothing dropped follows.
+    ASSERT_EQ(lines.size(), 1u + kHeld + 1);
+    for (int i = 0; i < kHeld; ++i) ASSERT_EQ(lines[1 + i].m_message, "entry " + std::to_string(i));
+    EXPECT_EQ(lines.back().m_message.rfind("Too many messages in log queue, 0 new messages dropped during ", 0), 0u);
+}
+
 TEST(LogEntryLine, HeaderCategoryIndentationAndLineFeeds) {
     char ids[32];
     std::snprintf(ids, sizeof(ids), "%05u:%05u", kt::LogUtils::GetCurrentProcessId(), kt::LogUtils::GetCurrentThreadId());
