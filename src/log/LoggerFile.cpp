@@ -35,7 +35,7 @@ constexpr std::chrono::milliseconds kStopGrace{500};
 
 // Without a bound the size is never looked at; with one it is taken from the
 // file every so many lines, to find out whether others write to it too.
-constexpr unsigned kLinesPerSizeCheck = 64;
+constexpr unsigned kLinesPerSizeCheck = 16;
 
 std::string SystemError(int error) {
     return "Error " + std::to_string(error) + " (" + LogUtils::GetErrorString(error) + ")";
