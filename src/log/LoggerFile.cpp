@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
+#include <time.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -27,15 +28,24 @@ constexpr int kOpenFlags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOC
 
 // How often the path is compared with the open file, and how long a full pipe
 // is waited for at a time before the sink looks whether it is being stopped.
-constexpr std::chrono::milliseconds kPathCheckEvery{1000};
+constexpr int64_t kPathCheckEveryNs = 1000 * 1000 * 1000;
 constexpr int kPipeWaitSliceMs = 100;
 // What a pipe still gets once the sink is being stopped: the flush before the
 // footer has waited its own time already.
 constexpr std::chrono::milliseconds kStopGrace{500};
 
 // Without a bound the size is never looked at; with one it is taken from the
-// file every so many lines, to find out whether others write to it too.
-constexpr unsigned kLinesPerSizeCheck = 16;
+// file every so many lines, to find out whether others write to it too. An
+// fstat() costs about what the line's write() costs, so not more often.
+constexpr unsigned kLinesPerSizeCheck = 64;
+
+// Read for every line: the coarse clock costs a fraction of the precise one,
+// and its few milliseconds of granularity do not matter to a check once a second.
+int64_t CoarseNowNs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
 
 std::string SystemError(int error) {
     return "Error " + std::to_string(error) + " (" + LogUtils::GetErrorString(error) + ")";
@@ -73,7 +83,7 @@ void LoggerFile::Open(const char* fileName) {
     try {
         std::lock_guard<std::mutex> lock(m_fileMutex);
         NoteOpenedFile();
-        m_lastCheck = std::chrono::steady_clock::now();
+        m_lastCheckNs = CoarseNowNs();
         bool headerWritten = false;
         if (m_bound.IsSet()) {
             // A bound smaller than the header would leave room for nothing.
@@ -297,8 +307,8 @@ void LoggerFile::CheckPath(bool force) {
     if (m_file < 0 || (m_stopping.load(std::memory_order_relaxed) && !force)) {
         return;
     }
-    const auto now = std::chrono::steady_clock::now();
-    if (!force && now - m_lastCheck < kPathCheckEvery) {
+    const int64_t now = CoarseNowNs();
+    if (!force && now - m_lastCheckNs < kPathCheckEveryNs) {
         if (m_bound.IsSet() && m_regular && (m_shared || ++m_linesSinceSize >= kLinesPerSizeCheck)) {
             m_linesSinceSize = 0;
             struct stat st;
@@ -309,7 +319,7 @@ void LoggerFile::CheckPath(bool force) {
         }
         return;
     }
-    m_lastCheck = now;
+    m_lastCheckNs = now;
     struct stat named;
     if (::stat(m_path.c_str(), &named) != 0) {
         // Only a path that names nothing is reopened: a folder that can no longer

@@ -87,7 +87,7 @@ private:
     bool m_fresh = false;
     bool m_shared = false;
     unsigned m_linesSinceSize = 0;
-    std::chrono::steady_clock::time_point m_lastCheck;
+    int64_t m_lastCheckNs = 0;
     std::atomic<uint64_t> m_writtenLines{0};
 
     // Set when the owner writes the footer: from then on a full pipe is waited for
