@@ -156,7 +156,7 @@ TEST_F(LogFile, ABoundMovesAFullFileAsideAndABadValueIsRefusedWithOneWarning) {
     std::string warning;
   } rows[] = {
       {"8K", "1000", 0, ""},
-      {"8k", nullptr, 5, ""},
+      {"8k", nullptr, 5, ""},  // an earlier run left the file full
       {"300", "2", 3, ""},  // below a header block: raised to its size, one line per file
       {"8K", "0", 1, ""},
       {"12Q", nullptr, 1, "Invalid TAVIK_DDI_LOG_MAX_SIZE '12Q' (a size in bytes with an optional K, M or G suffix)" + noBound},
@@ -174,6 +174,7 @@ TEST_F(LogFile, ABoundMovesAFullFileAsideAndABadValueIsRefusedWithOneWarning) {
           setenv("TAVIK_UMD_PATH", ctx.tmp.c_str(), 1);
           setenv("TAVIK_DDI_LOG_MAX_SIZE", row.size, 1);
           if (row.files != nullptr) setenv("TAVIK_DDI_LOG_MAX_FILES", row.files, 1);
+          if (row.files == nullptr && row.warning.empty()) WriteFile(ctx.LogPath(), std::string(9000, '\n'));
           TAVIK_LOAD(lib);
           for (int i = 0; i < 12; ++i) Cycles(lib.get(), 1);
           lib.reset();
