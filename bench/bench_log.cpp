@@ -43,6 +43,7 @@
 #include "log/ILogListener.h"
 #include "log/Log.h"
 #include "log/LogDdi.h"
+#include "log/LogFileBound.h"
 #include "log/LogFn.h"
 #include "log/LogSetupFile.h"
 #include "log/LoggerFile.h"
@@ -769,11 +770,130 @@ void BM_FileSinkEndToEnd(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * kEntries);
 }
 BENCHMARK(BM_FileSinkEndToEnd)
+
+
+// ---------------------------------------------------------------------------
+// The file with a size bound against the file without, in the same run: two
+// set-ups as the library makes them from its environment, their rounds
+// alternating within every iteration (the first of the pair swapped each time,
+// so that the machine's drift falls on both alike). The bound of 16 MiB is
+// passed every few rounds, so the figure includes the rotations.
+
+struct BoundedPair {
+    explicit BoundedPair(TempDir& dir)
+        : plainPath(dir.File("plain.log")), boundedPath(dir.File("bounded.log")) {
+        for (const char* k : {".1", ".2", ".3", ".4"}) {
+            dir.files.push_back(boundedPath + k);
+        }
+        plain = std::make_shared<kt::LogSetupFile>(plainPath.c_str(), "I");
+        bounded = std::make_shared<kt::LogSetupFile>(boundedPath.c_str(), "I",
+                                                     kt::LogFileBound::FromTexts("16M", "4"));
+    }
+    std::string plainPath, boundedPath;
+    std::shared_ptr<kt::LogSetupFile> plain, bounded;
+};
+
+template <class Round>
+void Alternate(int64_t iteration, Round round, double& plainSeconds, double& boundedSeconds) {
+    for (int k = 0; k < 2; ++k) {
+        const bool bounded = (k == 0) == (iteration % 2 == 1);
+        (bounded ? boundedSeconds : plainSeconds) += round(bounded);
+    }
+}
+
+void BM_FileSinkThroughput_Bounded(benchmark::State& state) {
+    const int producers = static_cast<int>(state.range(0));
+    constexpr int kEntries = 40000;
+    TempDir dir;
+    BoundedPair pair(dir);
+    const std::shared_ptr<kt::Log> logs[2] = {pair.plain->GetLog(), pair.bounded->GetLog()};
+    for (const auto& log : logs) {
+        LogOurs(*log, 0);
+        log->Flush(0);
+    }
+    double plainSeconds = 0;
+    double boundedSeconds = 0;
+    int64_t iteration = 0;
+    bool dropped = false;
+    for (auto _ : state) {
+        const auto t0 = Clock::now();
+        Alternate(iteration++, [&](bool bounded) {
+            kt::Log& log = *logs[bounded ? 1 : 0];
+            const auto start = Clock::now();
+            std::vector<std::thread> threads;
+            for (int p = 0; p < producers; ++p) {
+                threads.emplace_back([&, p] {
+                    for (int i = p; i < kEntries; i += producers) {
+                        LogOurs(log, i);
+                    }
+                });
+            }
+            for (auto& t : threads) {
+                t.join();
+            }
+            dropped = dropped || log.Flush(0) != 0;
+            return std::chrono::duration<double>(Clock::now() - start).count();
+        }, plainSeconds, boundedSeconds);
+        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - t0).count());
+        if (dropped) {
+            state.SkipWithError("entries were dropped");
+            break;
+        }
+    }
+    const double entries = static_cast<double>(state.iterations()) * kEntries;
+    state.counters["plain_entries_per_s"] = entries / plainSeconds;
+    state.counters["bounded_entries_per_s"] = entries / boundedSeconds;
+    state.counters["bounded_vs_plain"] = plainSeconds / boundedSeconds;
+}
+BENCHMARK(BM_FileSinkThroughput_Bounded)
     ->ArgName("producers")
     ->Arg(1)
     ->Arg(2)
     ->UseManualTime()
     ->Iterations(20);
+
+
+// The caller's side of an Info entry with and without a bound: the bound lives
+// on the worker, so the two must not differ.
+void BM_InfoEntry_CallerSide_Bounded(benchmark::State& state) {
+    const int producers = static_cast<int>(state.range(0));
+    constexpr int kBurst = 10000;
+    TempDir dir;
+    BoundedPair pair(dir);
+    const std::shared_ptr<kt::Log> logs[2] = {pair.plain->GetLog(), pair.bounded->GetLog()};
+    for (const auto& log : logs) {
+        LogOurs(*log, -1);
+        log->Flush(0);
+    }
+    Samples samples[2];
+    int64_t iteration = 0;
+    double plainSeconds = 0;
+    double boundedSeconds = 0;
+    for (auto _ : state) {
+        const auto t0 = Clock::now();
+        Alternate(iteration++, [&](bool bounded) {
+            kt::Log& log = *logs[bounded ? 1 : 0];
+            const double seconds =
+                TimedBurst(producers, kBurst, samples[bounded ? 1 : 0], [&](int i) { LogOurs(log, i); });
+            log.Flush(0);
+            return seconds;
+        }, plainSeconds, boundedSeconds);
+        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - t0).count());
+    }
+    for (Samples& s : samples) {
+        std::sort(s.ns.begin(), s.ns.end());
+    }
+    state.counters["plain_p50_ns"] = Percentile(samples[0].ns, 0.50);
+    state.counters["bounded_p50_ns"] = Percentile(samples[1].ns, 0.50);
+    state.counters["plain_p99_ns"] = Percentile(samples[0].ns, 0.99);
+    state.counters["bounded_p99_ns"] = Percentile(samples[1].ns, 0.99);
+}
+BENCHMARK(BM_InfoEntry_CallerSide_Bounded)
+    ->ArgName("producers")
+    ->Arg(1)
+    ->Arg(2)
+    ->UseManualTime()
+    ->Iterations(40);
 
 } // namespace
 

@@ -10,6 +10,9 @@ class LogEntry;
 class ILogListener {
 public:
     virtual void OnLogEntryAdded(const LogEntry& entry) = 0;
+    // Called by the worker when no entry has come for a while (about a second), so
+    // that a listener can look after its destination while nothing is written.
+    virtual void OnLogIdle() {}
 
 protected:
     ~ILogListener() = default;

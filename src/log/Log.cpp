@@ -36,6 +36,10 @@ constexpr int kLockSpins = 8;
 
 constexpr size_t kReleaseBatch = 32;
 
+// How long the worker waits for entries before it lets the listeners look after
+// their destinations.
+constexpr std::chrono::milliseconds kIdleTick{1000};
+
 // How much of a taken batch the worker formats before it writes the first line,
 // and the largest text buffer it keeps for the next batch.
 constexpr size_t kFormatAheadBytes = 32 * 1024;
@@ -339,6 +343,19 @@ __attribute__((always_inline)) inline void Log::NotifyListeners(const LogEntry& 
     }
 }
 
+void Log::NotifyListenersIdle() {
+    try {
+        LockGuard lock(m_listenersMutex);
+        for (const auto& registered : m_listeners) {
+            if (const std::shared_ptr<ILogListener> listener = registered.lock()) {
+                listener->OnLogIdle();
+            }
+        }
+    } catch (...) {
+        // Housekeeping only: the next idle turn tries again.
+    }
+}
+
 // ---------------------------------------------------------------------------
 // Worker
 
@@ -354,6 +371,7 @@ void Log::QueueOverloadReport(const TimePoint& overloadStart) {
         if (report) {
             m_queue.push_back(std::move(report));
             NoteQueueSize();
+            ++m_reportsTotal;
         }
     } catch (...) {
         // The report is lost; the overload state is left all the same.
@@ -457,10 +475,19 @@ void Log::ThreadFunc() {
             releaseBatch();
             m_drainedCond.notify_all();
             m_workerWaiting = true;
-            m_queueCond.wait(lock, [this] { return m_stop || !m_queue.empty(); });
+            const bool woken = m_queueCond.wait_for(lock, kIdleTick,
+                                                    [this] { return m_stop || !m_queue.empty(); });
             m_workerWaiting = false;
             if (m_stop) {
                 break;
+            }
+            if (!woken) {
+                // Nothing came for a while: the listeners may look after their
+                // destinations (a file renamed or deleted by another program).
+                lock.unlock();
+                NotifyListenersIdle();
+                LockSpinning(lock);
+                continue;
             }
         }
         const size_t taken = std::min(m_queue.size(), kTakeBatch);
@@ -589,7 +616,8 @@ uint64_t Log::DiscardTaken() {
 
 Log::Counts Log::GetCounts() {
     std::lock_guard<std::mutex> lock(m_queueMutex);
-    return Counts{m_producedTotal, m_droppedTotal, m_discardedTotal, m_lostTotal.load()};
+    return Counts{m_producedTotal, m_droppedTotal, m_discardedTotal, m_lostTotal.load(),
+                  m_reportsTotal};
 }
 
 // ---------------------------------------------------------------------------

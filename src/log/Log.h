@@ -87,8 +87,9 @@ public:
     // account for each line: produced = dropped (while overloaded) + queued, and
     // each queued entry is delivered, discarded by a flush or lost on the way (it
     // could not be queued or formatted, or a sink could not keep it).
+    // The overload reports, which the log queues itself, are counted apart.
     struct Counts {
-        uint64_t produced, dropped, discarded, lost;
+        uint64_t produced, dropped, discarded, lost, reports;
     };
     Counts GetCounts();
     // A listener's word that it could not keep a delivered entry (a full disk).
@@ -109,6 +110,7 @@ private:
     // and returns true; false means the entry is to be made and queued.
     bool CountIfDropping();
     void NotifyListeners(const LogEntry& entry);
+    void NotifyListenersIdle();
     void ThreadFunc();
     void QueueOverloadReport(const TimePoint& overloadStart);
     bool IsDrained() const { return m_queue.empty() && !m_delivering; }
@@ -187,7 +189,7 @@ private:
     uint64_t m_droppedCount = 0;
     // Since the log was made, for GetCounts (guarded by m_queueMutex, except the
     // losses, which the worker and the sinks report without it).
-    uint64_t m_producedTotal = 0, m_droppedTotal = 0, m_discardedTotal = 0;
+    uint64_t m_producedTotal = 0, m_droppedTotal = 0, m_discardedTotal = 0, m_reportsTotal = 0;
 
     // The memory of delivered entries that the pool did not hold (long ones) on its
     // way back: the worker leaves it here and a producer frees it, at most two

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "log/LogFileBound.h"
 #include "log/LogSetupFile.h"
 
 namespace kt {
@@ -25,7 +26,12 @@ std::shared_ptr<LogSetup> CreateSetup() {
     const char* file = secure_getenv("TAVIK_DDI_LOG_FILE");
     const char* level = secure_getenv("TAVIK_DDI_LOG_LEVEL");
     try {
-        LogSetupFile* raw = new (std::nothrow) LogSetupFile(file, level != nullptr ? level : "");
+        // A program that runs with more rights than its caller (setuid or file
+        // capabilities) must not let the caller choose what it deletes.
+        const LogFileBound bound = LogFileBound::FromTexts(secure_getenv("TAVIK_DDI_LOG_MAX_SIZE"),
+                                                           secure_getenv("TAVIK_DDI_LOG_MAX_FILES"));
+        LogSetupFile* raw =
+            new (std::nothrow) LogSetupFile(file, level != nullptr ? level : "", bound);
         return std::shared_ptr<LogSetup>(raw);
     } catch (...) {
         // Without a set-up the library runs untraced.

@@ -2,11 +2,16 @@
 
 #include <new>
 
+#include "log/LogFileBound.h"
 #include "log/LoggerFile.h"
 
 namespace kt {
 
-LogSetupFile::LogSetupFile(const char* filePath, const char* levelText) : LogSetup(nullptr) {
+LogSetupFile::LogSetupFile(const char* filePath, const char* levelText)
+    : LogSetupFile(filePath, levelText, LogFileBound()) {}
+
+LogSetupFile::LogSetupFile(const char* filePath, const char* levelText, const LogFileBound& bound)
+    : LogSetup(nullptr) {
     if (filePath == nullptr || filePath[0] == '\0') {
         return;
     }
@@ -14,7 +19,7 @@ LogSetupFile::LogSetupFile(const char* filePath, const char* levelText) : LogSet
         return;
     }
     try {
-        LoggerFile* sink = new (std::nothrow) LoggerFile(m_log, filePath);
+        LoggerFile* sink = new (std::nothrow) LoggerFile(m_log, filePath, bound);
         if (sink != nullptr) {
             m_loggerFile.reset(sink);
         }

@@ -17,7 +17,7 @@ class LibraryLoad : public ChildTest {};
 // warning and infos from a module folder, debug lines from a device, trace lines from every call) in two rounds, and
 // unloads it; the file must hold just the levels the row names, in one complete block after an older run's line.
 // The rows named '@' put their file, in a 64 KiB file system of its own, in trouble once the library runs: the file
-// system full until the second round, the file deleted, its folder made read-only, a FIFO that nobody reads. The
+// system full until the second round, the file deleted (a new one is made by its path), its folder made read-only, a FIFO that nobody reads. The
 // caller goes on as before; lines that the full disk swallowed are counted in the footer's dropped messages, and a
 // line cut short does not run into the next.
 TEST_F(LibraryLoad, LogFileAndLevelFromTheEnvironmentAndTheFileInTrouble) {
@@ -29,7 +29,7 @@ TEST_F(LibraryLoad, LogFileAndLevelFromTheEnvironmentAndTheFileInTrouble) {
               {"log", nullptr, "DEITW"},   {"log", "", "DEITW"}, {"log", "2", "DEITW"},
               {"log", "x", "DEITW"},       {"log", " e", "DEITW"}, {"log", "e", "E"},    {"log", "Error", "E"},
               {"log", "warning", "EW"},    {"log", "Info", "EIW"}, {"log", "debug", "DEIW"}, {"@full", "T", "DEITW"},
-              {"@deleted", "T", nullptr}, {"@read-only", "T", "DEITW"}, {"@fifo", "T", nullptr}};
+              {"@deleted", "T", "DEITW"}, {"@read-only", "T", "DEITW"}, {"@fifo", "T", nullptr}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.file + " at " + (row.level ? row.level : "(unset)"));
     WriteFile(ctx_.LogPath(), "an older run\n");  // a log file is appended to, never replaced
@@ -59,7 +59,8 @@ TEST_F(LibraryLoad, LogFileAndLevelFromTheEnvironmentAndTheFileInTrouble) {
               while (write(f, block, size) == static_cast<ssize_t>(size)) {}
             close(f);
           }
-          if (row.file == "@deleted") unlink(troubled.c_str());
+          // A second on, the next line finds the path empty and starts a new file there.
+          if (row.file == "@deleted") unlink(troubled.c_str()), usleep(1100 * 1000);
           if (row.file == "@read-only") chmod(dir.c_str(), 0555);
           // On a thread of its own, whose thread-local state is gone before the unload: nothing pins the library.
           for (int round = 0; round < 2; ++round, unlink(filler.c_str())) std::thread([&] {

@@ -62,7 +62,8 @@ bool ChildTest::RunInChild(const std::function<void(ChildContext&)>& body, int t
   pid_t pid = fork();
   if (pid == 0) {
     // The parent's environment must not leak a configuration into a case.
-    for (const char* v : {"TAVIK_UMD_PATH", "TAVIK_DDI_LOG_FILE", "TAVIK_DDI_LOG_LEVEL", "TAVIK_FIXTURE_CALLS"})
+    for (const char* v : {"TAVIK_UMD_PATH", "TAVIK_DDI_LOG_FILE", "TAVIK_DDI_LOG_LEVEL", "TAVIK_DDI_LOG_MAX_SIZE",
+                          "TAVIK_DDI_LOG_MAX_FILES", "TAVIK_FIXTURE_CALLS"})
       unsetenv(v);
     alarm(static_cast<unsigned>(timeoutSec));  // a hang ends the child with SIGALRM
     body(ctx_);

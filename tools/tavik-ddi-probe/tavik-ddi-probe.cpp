@@ -38,6 +38,10 @@ struct Options {
   std::string umdPath;
   std::string logFile;
   std::string logLevel;
+  // Passed on as they are: the library itself judges them and says in its log
+  // when it refuses one.
+  std::string logMaxSize, logMaxFiles;
+  bool maxSizeGiven = false, maxFilesGiven = false;
 };
 
 const char* kDescription =
@@ -49,8 +53,9 @@ const char* kDescription =
 
 const char* kFooter =
     "Environment:\n"
-    "  The library reads TAVIK_UMD_PATH, TAVIK_DDI_LOG_FILE and TAVIK_DDI_LOG_LEVEL once, when\n"
-    "  it is loaded; --umd-path, --log and --log-level set them before that. Values inherited\n"
+    "  The library reads TAVIK_UMD_PATH, TAVIK_DDI_LOG_FILE, TAVIK_DDI_LOG_LEVEL,\n"
+    "  TAVIK_DDI_LOG_MAX_SIZE and TAVIK_DDI_LOG_MAX_FILES once, when it is loaded; --umd-path,\n"
+    "  --log, --log-level, --log-max-size and --log-max-files set them before that. Values inherited\n"
     "  from the environment are used when the options are not given. Without TAVIK_UMD_PATH\n"
     "  the library asks the dynamic loader for the known modules tavik_usb.x86_64.umd and\n"
     "  tavik_virtual.x86_64.umd (LD_LIBRARY_PATH and the loader cache apply).\n"
@@ -99,7 +104,9 @@ int Run(const Options& options, bool umdGiven, bool logGiven, bool levelGiven) {
   // The library reads its environment once, at load time: set it first.
   if (!SetVariable("TAVIK_UMD_PATH", options.umdPath, umdGiven) ||
       !SetVariable("TAVIK_DDI_LOG_FILE", options.logFile, logGiven) ||
-      !SetVariable("TAVIK_DDI_LOG_LEVEL", options.logLevel, levelGiven)) {
+      !SetVariable("TAVIK_DDI_LOG_LEVEL", options.logLevel, levelGiven) ||
+      !SetVariable("TAVIK_DDI_LOG_MAX_SIZE", options.logMaxSize, options.maxSizeGiven) ||
+      !SetVariable("TAVIK_DDI_LOG_MAX_FILES", options.logMaxFiles, options.maxFilesGiven)) {
     return kExitUsage;
   }
 
@@ -217,6 +224,14 @@ int main(int argc, char** argv) {
                                       "debug or trace; only the first letter counts, anything else "
                                       "means trace")
                            ->type_name("LEVEL");
+  CLI::Option* maxSize = app.add_option("--log-max-size", options.logMaxSize,
+                                        "Bound of the log file (sets TAVIK_DDI_LOG_MAX_SIZE): bytes, "
+                                        "or a number with K, M or G; a full file is renamed FILE.1")
+                             ->type_name("SIZE");
+  CLI::Option* maxFiles = app.add_option("--log-max-files", options.logMaxFiles,
+                                         "Renamed log files kept under a bound (sets "
+                                         "TAVIK_DDI_LOG_MAX_FILES; default 4)")
+                              ->type_name("N");
 
   try {
     app.parse(argc, argv);
@@ -230,5 +245,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr,
                  "tavik-ddi-probe: note: --log-level has no effect without --log or TAVIK_DDI_LOG_FILE\n");
   }
+  options.maxSizeGiven = maxSize->count() > 0;
+  options.maxFilesGiven = maxFiles->count() > 0;
   return Run(options, umd->count() > 0, log->count() > 0, level->count() > 0);
 }

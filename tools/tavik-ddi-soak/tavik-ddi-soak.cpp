@@ -21,6 +21,8 @@
 
 #include "ProcessFigures.h"
 #include "log/LogDdi.h"
+#include "log/LogSetupFile.h"
+#include "log/LoggerFile.h"
 #include "tavik_virtual.h"
 
 namespace {
@@ -107,7 +109,7 @@ int main(int argc, char** argv) {
   double seconds = 60, warmup = 30, meanInterval = 0.05;
   unsigned cameras = 16, fps = 500, cycleEvery = 20;
   uint32_t seed = 1;
-  std::string umdPath, logPath = "tavik-ddi-soak.log";
+  std::string umdPath, logPath = "tavik-ddi-soak.log", maxSize, maxFiles;
   app.add_option("--seconds", seconds, "How long to run")->capture_default_str();
   app.add_option("--warmup", warmup, "Seconds before the figures to compare against are taken")->capture_default_str();
   app.add_option("--cameras", cameras, "Emulated cameras")->check(CLI::Range(1, 16))->capture_default_str();
@@ -117,6 +119,8 @@ int main(int argc, char** argv) {
   app.add_option("--seed", seed, "Seed of the random actions")->capture_default_str();
   app.add_option("--umd-path", umdPath, "Folder with tavik_virtual.x86_64.umd")->required()->check(CLI::ExistingDirectory);
   app.add_option("--log", logPath, "Log file, written at Trace (replaced)")->capture_default_str();
+  app.add_option("--log-max-size", maxSize, "Bound of the log file (TAVIK_DDI_LOG_MAX_SIZE): bytes, or with K, M or G");
+  app.add_option("--log-max-files", maxFiles, "Renamed log files kept under the bound (TAVIK_DDI_LOG_MAX_FILES)");
   CLI11_PARSE(app, argc, argv);
 
   // The log is set up from the environment when the program starts, so the
@@ -128,6 +132,8 @@ int main(int argc, char** argv) {
     setenv("TAVIK_UMD_PATH", umdPath.c_str(), 1);
     setenv("TAVIK_VIRTUAL_CAMERAS", std::to_string(cameras).c_str(), 1);
     setenv("TAVIK_VIRTUAL_FPS", std::to_string(fps).c_str(), 1);
+    if (!maxSize.empty()) setenv("TAVIK_DDI_LOG_MAX_SIZE", maxSize.c_str(), 1);
+    if (!maxFiles.empty()) setenv("TAVIK_DDI_LOG_MAX_FILES", maxFiles.c_str(), 1);
     execv("/proc/self/exe", argv);
     std::perror("tavik-ddi-soak: execv");
     return 2;
@@ -172,7 +178,15 @@ int main(int argc, char** argv) {
               rig.emitted, delivered, rig.emitted - delivered, rig.queueDropped);
   if (log) {
     const kt::Log::Counts c = log->GetCounts();
-    const uint64_t written = CountWrittenLines(logPath), dropped = c.dropped + c.discarded + c.lost;
+    // Under a bound, or when another program moves the file away, the lines are
+    // spread over files that no longer all exist: the sink's own count is taken.
+    const auto* setup = dynamic_cast<const kt::LogSetupFile*>(kt::LogDdi::setup.get());
+    const std::shared_ptr<kt::LoggerFile> sink = setup != nullptr ? setup->GetLoggerFile() : nullptr;
+    const uint64_t inFile = CountWrittenLines(logPath);
+    // The sink also wrote the log's own overload reports, which no caller produced.
+    const uint64_t written = sink ? sink->WrittenLines() - c.reports : inFile;
+    std::printf("log lines in %s now %" PRIu64 "\n", logPath.c_str(), inFile);
+    const uint64_t dropped = c.dropped + c.discarded + c.lost;
     std::printf("log lines produced %" PRIu64 ", written %" PRIu64 ", dropped %" PRIu64
                 " (overload %" PRIu64 ", flush %" PRIu64 ", lost %" PRIu64 ")\n",
                 c.produced, written, dropped, c.dropped, c.discarded, c.lost);
