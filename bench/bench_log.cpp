@@ -770,7 +770,11 @@ void BM_FileSinkEndToEnd(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * kEntries);
 }
 BENCHMARK(BM_FileSinkEndToEnd)
-
+    ->ArgName("producers")
+    ->Arg(1)
+    ->Arg(2)
+    ->UseManualTime()
+    ->Iterations(20);
 
 // ---------------------------------------------------------------------------
 // The file with a size bound against the file without, in the same run: two
