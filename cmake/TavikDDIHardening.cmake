@@ -2,15 +2,20 @@
 # DEB_BUILD_MAINT_OPTIONS=hardening=+all), plus the stack-clash and CET protection that
 # newer dpkg adds on amd64: the library is loaded into programs that run with more rights
 # than their user, so the packages must pass hardening-check and lintian's hardening tags.
-option(TAVIK_HARDENING "Build with Debian's hardening flags (stack protector, FORTIFY, stack-clash, CET, full RELRO, PIE)" ON)
 
-# Whether the compile flags ask for a sanitizer: such builds skip FORTIFY (the sanitizers
-# check those calls themselves, and FORTIFY's checked variants would hide them from ASan),
-# and clang links no sanitizer runtime into a shared object (see TAVIK_LINK_NO_UNDEFINED).
+# Whether the compile flags ask for a sanitizer. Such builds are never shipped, and their
+# checks cover what the hardening guards against, so they are not hardened unless asked;
+# they never get FORTIFY, whose checked variants of the string functions ASan does not see.
 set(TAVIK_SANITIZED OFF)
 if(CMAKE_C_FLAGS MATCHES "-fsanitize" OR CMAKE_CXX_FLAGS MATCHES "-fsanitize")
   set(TAVIK_SANITIZED ON)
 endif()
+set(hardening_default ON)
+if(TAVIK_SANITIZED)
+  set(hardening_default OFF)
+endif()
+option(TAVIK_HARDENING "Build with Debian's hardening flags (stack protector, FORTIFY, stack-clash, CET, full RELRO, PIE)"
+  ${hardening_default})
 
 # Shared libraries and modules link with --no-undefined, so that a missing symbol fails the
 # build rather than a dlopen on a rig. Clang's sanitizer runtime lives in the executable only,
