@@ -104,7 +104,8 @@ endif()
 # passes hardening-check. Its control-flow test reads the IBT and SHSTK property that the linker keeps only when
 # every object has it, and Debian 12's C library start files (crt1.o, crti.o, crtn.o) carry none, so no program
 # linked there passes it (/bin/ls does not): that test is replaced by the ENDBR64 landing pads that
-# -fcf-protection puts at the entry of every function reached indirectly.
+# -fcf-protection puts at the entry of every function reached through a pointer. gcc's own start files bring two
+# of them to any file; the smallest shipped file built with the flag (the emulator) has over 80.
 file(GLOB_RECURSE files LIST_DIRECTORIES false "${root}/*")
 set(elves "")
 foreach(file ${files})
@@ -121,8 +122,9 @@ foreach(elf ${elves})
   run_checked("hardening-check ${elf} (tools/install-deps.sh all installs devscripts)"
     hardening-check --nocfprotection "${elf}")
   run_checked("objdump ${elf}" objdump -d --no-show-raw-insn "${elf}")
-  string(FIND "${RUN_OUTPUT}" "\tendbr64" pad)
-  if(pad EQUAL -1)
-    message(FATAL_ERROR "${elf} has no ENDBR64 landing pad: built without -fcf-protection")
+  string(REGEX MATCHALL "\tendbr64" pads "${RUN_OUTPUT}")
+  list(LENGTH pads pads)
+  if(pads LESS 16)
+    message(FATAL_ERROR "${elf} has ${pads} ENDBR64 landing pads: built without -fcf-protection")
   endif()
 endforeach()
