@@ -10,12 +10,12 @@ kit=(g++ cmake make libcli11-dev nlohmann-json3-dev)
 # GoogleTest and Google Benchmark, with spdlog as the log benchmark's peer (the
 # default preset builds bench/; the library never links spdlog); pkg-config for
 # the consumer of an installed tree; file, dpkg-dev (dpkg-shlibdeps) and
-# binutils (readelf) for the Debian packages, which lintian then checks.
+# binutils (readelf) for the Debian packages, which lintian and devscripts' hardening-check then check.
 # libc6-dbg lets LeakSanitizer name the loader's frames: without it, it cannot
 # match its own suppression of glibc's thread-local storage for a dlopened
 # library and reports that as a leak. python3-matplotlib, which only the chart
 # script bench/plot_ratios.py needs, is not on either list.
-all=("${kit[@]}" libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev pkg-config file dpkg-dev binutils lintian
+all=("${kit[@]}" libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev pkg-config file dpkg-dev binutils lintian devscripts
      libc6-dbg)
 
 case "${1:-}" in

@@ -113,6 +113,7 @@ void BM_EmulatorReader(benchmark::State& state) {
     }
   }
   state.counters["emitted"] = static_cast<double>(emitted);
+  state.counters["eofs"] = static_cast<double>(eofs);
   state.counters["read_ok"] = static_cast<double>(matched);
   state.counters["dropped"] = static_cast<double>(dropped);
   state.counters["missed_pct"] =

@@ -57,8 +57,9 @@ class VirtualCamera {
   bool QueueLocked(uint32_t type, uint64_t frameNumber, uint64_t stampUs);
   void NotifyLoop(tavik_dcb_invoke_callback_fn callback);
 
-  // First member, so that it sits at offset 0 where FromDevice looks for it.
-  const uint32_t m_magic = kMagic;
+  // First member, so that it sits at offset 0 where FromDevice looks for it
+  // (with memcpy, which the compiler does not count as a use).
+  [[maybe_unused]] const uint32_t m_magic = kMagic;
   tavik_driver_device* const m_device;
   const unsigned m_index;
   const unsigned m_defaultFps;
