@@ -181,8 +181,16 @@ INSTANTIATE_TEST_SUITE_P(
         CommandLine{"--only type --only last-error @good.x86_64.umd", 0,
                     "tavik-ddi-compliance 3.1.88\nModule: @good.x86_64.umd (*"},
         CommandLine{"--only open-twice --only stop-without-start @open_twice.x86_64.umd", 1,
-                    "*"},
-        CommandLine{"--only dlopen --only open-twice @missing_symbol.x86_64.umd", 1, "*"}),
+                    "\noperations\n"
+                    "  fail     open-twice: 'fixture_0': open twice: expected KZ_ERR_STATE_INVALID (184), got KZ_ERR_NONE (0)\n"
+                    "\nnotifications\n  pass     stop-without-start\n"
+                    "\nChecks run: 2; pass 1, fail 1, warn 0, skip 0, crash 0, timeout 0\n"},
+        CommandLine{"--only dlopen --only open-twice @missing_symbol.x86_64.umd", 1,
+                    "\nloading\n"
+                    "  fail     dlopen: dlopen with RTLD_NOW: @missing_symbol.x86_64.umd: undefined symbol: tavik_fixture_not_anywhere\n"
+                    "\noperations\n"
+                    "  skip     open-twice: the module cannot be loaded: @missing_symbol.x86_64.umd: undefined symbol: tavik_fixture_not_anywhere\n"
+                    "\nChecks run: 2; pass 0, fail 1, warn 0, skip 1, crash 0, timeout 0\n"}),
     [](const ::testing::TestParamInfo<CommandLine>& info) { return "case" + std::to_string(info.index); });
 
 }  // namespace

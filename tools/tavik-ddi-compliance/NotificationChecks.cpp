@@ -303,8 +303,11 @@ Outcome Exceptions(ModuleSession& session) {
   guard("uninit", [&] { session.uninit(&session.driver); });
   tavik_driver record{};
   guard("type", [&] { session.type(); });
-  guard("init", [&] { session.init(&record); });
-  guard("uninit after init without memory", [&] { session.uninit(&record); });
+  rs_bool initResult = QX_FAIL;
+  guard("init", [&] { initResult = session.init(&record); });
+  // After a failed init that left nothing, uninit has its own check.
+  if (initResult == QX_OK || record.device_list != nullptr)
+    guard("uninit after init without memory", [&] { session.uninit(&record); });
   session.driver = tavik_driver{};
   session.initialised = false;
   if (escaped[0] != '\0') return Fail(escaped);

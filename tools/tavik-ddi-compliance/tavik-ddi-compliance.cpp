@@ -146,6 +146,7 @@ int main(int argc, char** argv) {
   for (const Check& check : AllChecks()) names.insert({check.group, check.name});
   app.add_option("--only", options.only, "Run only this group or check; may be given more than once")
       ->type_name("GROUP|CHECK")
+      ->allow_extra_args(false)
       ->check(CLI::IsMember(names).description(""));
   app.add_option("--timeout", options.timeout, "Time limit of each check, in seconds")
       ->capture_default_str()
