@@ -259,7 +259,8 @@ Outcome IdleCpu(ModuleSession& session) {
   const double before = CpuSeconds(CLOCK_PROCESS_CPUTIME_ID) - CpuSeconds(CLOCK_THREAD_CPUTIME_ID);
   constexpr int kWindowMs = 500, kLimitMs = 25;
   std::this_thread::sleep_for(milliseconds(kWindowMs));
-  const double used = CpuSeconds(CLOCK_PROCESS_CPUTIME_ID) - CpuSeconds(CLOCK_THREAD_CPUTIME_ID) - before;
+  const double used =
+      std::max(0.0, CpuSeconds(CLOCK_PROCESS_CPUTIME_ID) - CpuSeconds(CLOCK_THREAD_CPUTIME_ID) - before);
   d->stop_notif_thread(d);
   d->close(d);
   if (used * 1000 <= kLimitMs) return Pass(Format("%.1f ms of CPU in %d ms idle", used * 1000, kWindowMs));
