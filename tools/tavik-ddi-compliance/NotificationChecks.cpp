@@ -124,31 +124,29 @@ Outcome StopAndMark(tavik_driver_device* d) {
   return code == KZ_ERR_NONE ? Pass() : Fail("stop_notif_thread: expected KZ_ERR_NONE (0), got " + Code(code));
 }
 
-Outcome NullCallback(ModuleSession& session) {
+// A start that must be refused, on a device whose thread runs or not: a failure
+// code, and no thread more than before it.
+Outcome RefusedStart(ModuleSession& session, bool startFirst, tavik_dcb_invoke_callback_fn callback,
+                     const char* what) {
   tavik_driver_device* d = session.devices.front();
   d->open(d);
+  if (startFirst) d->start_notif_thread(d, Callback);
   const int threads = CountThreads();
-  const int16 code = d->start_notif_thread(d, nullptr);
+  const int16 code = d->start_notif_thread(d, callback);
   const int after = CountThreads();
   d->stop_notif_thread(d);
   d->close(d);
-  if (code == KZ_ERR_NONE) return Fail("start_notif_thread with a null callback: expected a failure code, got " + Code(code));
-  if (after != threads) return Fail(Format("threads after a refused start: expected %d, got %d", threads, after));
+  if (code == KZ_ERR_NONE) return Fail(std::string(what) + ": expected a failure code, got " + Code(code));
+  if (after != threads) return Fail(Format("threads after %s: expected %d, got %d", what, threads, after));
   return Pass();
 }
 
+Outcome NullCallback(ModuleSession& session) {
+  return RefusedStart(session, false, nullptr, "start_notif_thread with a null callback");
+}
+
 Outcome StartTwice(ModuleSession& session) {
-  tavik_driver_device* d = session.devices.front();
-  d->open(d);
-  d->start_notif_thread(d, Callback);
-  const int threads = CountThreads();
-  const int16 code = d->start_notif_thread(d, Callback);
-  const int after = CountThreads();
-  d->stop_notif_thread(d);
-  d->close(d);
-  if (code == KZ_ERR_NONE) return Fail("second start_notif_thread: expected a failure code, got " + Code(code));
-  if (after != threads) return Fail(Format("threads after a refused second start: expected %d, got %d", threads, after));
-  return Pass();
+  return RefusedStart(session, true, Callback, "second start_notif_thread");
 }
 
 Outcome StopWithoutStart(ModuleSession& session) {
