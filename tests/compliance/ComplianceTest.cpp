@@ -38,7 +38,7 @@ std::string Fixture(const std::string& variant) { return kFixtures + "/tavik_" +
 // Every check of the document passed, or got what `expected` names for it; `mayAlsoSkip` lets the checks that
 // need what the broken rule took away skip instead.
 void ExpectResults(const CheckerRun& run, const std::string& check, const std::string& result,
-                   const std::string& detail, bool mayAlsoSkip) {
+                   const std::string& detail, bool mayAlsoSkip, const std::string& mayAlsoFail = {}) {
   ASSERT_TRUE(run.doc.is_object()) << run.out;
   const json& checks = run.doc["checks"];
   bool found = check.empty();
@@ -49,7 +49,7 @@ void ExpectResults(const CheckerRun& run, const std::string& check, const std::s
       EXPECT_EQ(got, result) << name << ": " << text;
       EXPECT_NE(text.find(detail), std::string::npos) << name << ": " << text;
       EXPECT_TRUE(got == "pass" || !text.empty()) << name;
-    } else if (got != "pass" && !(mayAlsoSkip && got == "skip")) {
+    } else if (got != "pass" && !(mayAlsoSkip && got == "skip") && !(name == mayAlsoFail && got == "fail")) {
       ADD_FAILURE() << name << " is " << got << ": " << text;
     }
   }
@@ -74,8 +74,15 @@ class BrokenModule : public ::testing::TestWithParam<BrokenRule> {};
 
 TEST_P(BrokenModule, FailsExactlyTheCheckOfItsRule) {
   const BrokenRule& rule = GetParam();
+  // Under ASan the heap that libtavikDDI's loads and unloads leave behind grows with every cycle (195 bytes a
+  // cycle, none in the plain build): a module that links it also fails the cycles check there.
+#if defined(__SANITIZE_ADDRESS__)
+  const std::string alsoFails = std::string(rule.variant) == "links_library" ? "cycles" : "";
+#else
+  const std::string alsoFails;
+#endif
   ExpectResults(Checker("--json --timeout 8 " + Fixture(rule.variant)), rule.check, rule.result, rule.detail,
-                rule.mayAlsoSkip);
+                rule.mayAlsoSkip, alsoFails);
 }
 
 // The device names are fixture_0 and fixture_1; "'fixture_0': " prefixes a device's failure. A crash is a signal,
