@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <thread>
 
 #include <nlohmann/json.hpp>
 
@@ -52,6 +53,9 @@ Outcome RunInChild(const Check& check, ModuleSession& session) {
 [[noreturn]] void ChildMain(const Check& check, const std::string& path, int out) {
   // The module's own prints must not mix into the checker's standard output.
   dup2(STDERR_FILENO, STDOUT_FILENO);
+  // A sanitizer's runtime starts a helper thread of its own at the first thread
+  // creation of a process; let that happen before the module's threads are counted.
+  std::thread([] {}).join();
   ModuleSession session(path);
   const Outcome outcome = RunInChild(check, session);
   nlohmann::json line = {{"result", static_cast<int>(outcome.result)}, {"detail", outcome.detail}};
