@@ -30,6 +30,7 @@ std::string ModuleSession::Load() {
 
 std::string ModuleSession::Init() {
   threadsBeforeInit = CountThreads();
+  tasksBeforeInit = TaskIds();
   initResult = init(&driver);
   initialised = true;  // uninit follows whatever init answered, as in the library
   if (initResult != QX_OK) return Format("init returned %d, not QX_OK", initResult);
@@ -82,6 +83,16 @@ int CountEntries(const char* folder) {
 }  // namespace
 
 int CountThreads() { return CountEntries("/proc/self/task"); }
+
+std::vector<std::string> TaskIds() {
+  std::vector<std::string> ids;
+  if (DIR* dir = opendir("/proc/self/task")) {
+    while (const dirent* e = readdir(dir))
+      if (e->d_name[0] != '.') ids.emplace_back(e->d_name);
+    closedir(dir);
+  }
+  return ids;
+}
 int CountDescriptors() { return CountEntries("/proc/self/fd") - 1; }  // less the one being read
 
 size_t HeapInUse() {

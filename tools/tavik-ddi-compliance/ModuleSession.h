@@ -38,6 +38,7 @@ class ModuleSession {
   rs_bool initResult = QX_FAIL;
   std::vector<tavik_driver_device*> devices;  // the compatible ones, in list order
   int threadsBeforeInit = 0;
+  std::vector<std::string> tasksBeforeInit;  // ids in /proc/self/task: the checker's and its runtime's threads
   long long typeSeen = -1;  // what type() answered, for the report's module line
 
  private:
@@ -46,6 +47,8 @@ class ModuleSession {
 
 // Threads and open descriptors of this process, from /proc/self.
 int CountThreads();
+// The ids of this process's threads, as named in /proc/self/task.
+std::vector<std::string> TaskIds();
 int CountDescriptors();
 // Bytes the C allocator has handed out and not taken back.
 size_t HeapInUse();

@@ -1,12 +1,11 @@
 // notifications and robustness: the notification thread's contract, and a
 // module under allocation failure and under several calling threads.
 #include <time.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstring>
-#include <filesystem>
+#include <algorithm>
 #include <fstream>
 #include <thread>
 
@@ -220,11 +219,17 @@ Outcome TimedStop(tavik_driver_device* d, const char* when) {
   return stop;
 }
 
-Outcome PromptStop(ModuleSession& session) {
+// The first device, open, its notifications started and given `settle` to go idle.
+tavik_driver_device* StartIdle(ModuleSession& session, milliseconds settle) {
   tavik_driver_device* d = session.devices.front();
   d->open(d);
   d->start_notif_thread(d, Callback);
-  std::this_thread::sleep_for(milliseconds(50));
+  std::this_thread::sleep_for(settle);
+  return d;
+}
+
+Outcome PromptStop(ModuleSession& session) {
+  tavik_driver_device* d = StartIdle(session, milliseconds(50));
   Outcome idle = TimedStop(d, "while idle");
   g.stopped.store(false);
   d->close(d);
@@ -244,25 +249,26 @@ Outcome UninitWhileRunning(ModuleSession& session) {
   return Pass();
 }
 
-// CPU time and context switches of every thread but the calling one: what the
-// module's threads do while the caller sleeps. A thread blocked for good adds
-// neither. Both count, because on a busy machine a spinning thread that yields
-// gets little CPU but is switched out all the time.
+// CPU time of every thread but the calling one, and the context switches of the
+// threads the module started: what the module does while the caller sleeps. A
+// thread blocked for good adds neither. Both count, because on a busy machine a
+// spinning thread that yields gets little CPU but is switched out all the time.
+// Threads that ran before init (a sanitizer's helper) are not the module's.
 struct Activity {
   double cpuMs = 0;
   long switches = 0;
 };
 
-Activity OtherThreads() {
+Activity ModuleThreads(const ModuleSession& session) {
   timespec process{}, self{};
   clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &process);
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &self);
   Activity a;
   a.cpuMs = (process.tv_sec - self.tv_sec) * 1e3 + (process.tv_nsec - self.tv_nsec) * 1e-6;
-  const std::string me = std::to_string(gettid());
-  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-    if (task.path().filename() == me) continue;
-    std::ifstream status(task.path() / "status");
+  const std::vector<std::string>& before = session.tasksBeforeInit;
+  for (const std::string& id : TaskIds()) {
+    if (std::find(before.begin(), before.end(), id) != before.end()) continue;
+    std::ifstream status("/proc/self/task/" + id + "/status");
     for (std::string line; std::getline(status, line);)
       if (line.find("ctxt_switches:") != std::string::npos) a.switches += std::atol(line.c_str() + line.find(':') + 1);
   }
@@ -270,14 +276,11 @@ Activity OtherThreads() {
 }
 
 Outcome IdleCpu(ModuleSession& session) {
-  tavik_driver_device* d = session.devices.front();
-  d->open(d);
-  d->start_notif_thread(d, Callback);
-  std::this_thread::sleep_for(milliseconds(100));
+  tavik_driver_device* d = StartIdle(session, milliseconds(100));
   constexpr int kWindowMs = 500, kCpuLimitMs = 25, kWakeLimit = 10;
-  const Activity before = OtherThreads();
+  const Activity before = ModuleThreads(session);
   std::this_thread::sleep_for(milliseconds(kWindowMs));
-  const Activity after = OtherThreads();
+  const Activity after = ModuleThreads(session);
   d->stop_notif_thread(d);
   d->close(d);
   const double cpu = std::max(0.0, after.cpuMs - before.cpuMs);
