@@ -62,8 +62,7 @@ std::string ModuleSession::Finish() {
     threads = CountThreads();
   }
   if (threads > threadsBeforeInit)
-    return Format("after uninit: expected %d thread(s), got %d: a thread of the module still runs",
-                  threadsBeforeInit, threads);
+    return Format("after uninit: expected no thread of the module, got %d still running", threads - threadsBeforeInit);
   dlclose(handle);
   return {};
 }
