@@ -4,6 +4,7 @@
 #   dev       include/tavik/*.h, lib/libtavikDDI.so, lib/pkgconfig/tavikddi.pc,
 #             lib/cmake/TavikDDI/ (find_package(TavikDDI))
 #   probe     bin/tavik-ddi-probe, share/man/man1/tavik-ddi-probe.1.gz
+#   dev       also bin/tavik-ddi-compliance and its manual page, for module authors
 #   emulator  lib/tavik/modules/tavik_virtual.x86_64.umd, only when asked for
 #             (`--component emulator`): the installed library finds it with no
 #             variable set, and a rig must not list a virtual camera it never chose.
@@ -48,6 +49,14 @@ if(TARGET tavik-ddi-probe)
   install(TARGETS tavik-ddi-probe RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT probe)
   install(FILES ${PROJECT_BINARY_DIR}/tools/tavik-ddi-probe/tavik-ddi-probe.1.gz
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT probe)
+endif()
+
+# The compliance checker goes with the headers: module authors install the
+# -dev package to build a module, and check it with the same package.
+if(TARGET tavik-ddi-compliance)
+  install(TARGETS tavik-ddi-compliance RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT dev)
+  install(FILES ${PROJECT_BINARY_DIR}/tools/tavik-ddi-compliance/tavik-ddi-compliance.1.gz
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT dev)
 endif()
 
 # CMake package: find_package(TavikDDI) gives TavikDDI::tavikDDI and

@@ -1,6 +1,7 @@
 # Debian packages, split as Debian splits a library, one per install component:
 #   libtavikddi3        runtime   the shared library (named after its SONAME)
-#   libtavikddi-dev     dev       headers, the .so link, pkg-config and CMake files
+#   libtavikddi-dev     dev       headers, the .so link, pkg-config and CMake files,
+#                                 the module compliance checker
 #   tavik-ddi-probe     probe     the diagnostic tool
 #   tavik-ddi-emulator  emulator  the camera emulator module
 # The emulator is a package of its own because the library finds it with no
@@ -53,7 +54,8 @@ set(CPACK_DEBIAN_DEV_PACKAGE_SECTION "libdevel")
 set(CPACK_DEBIAN_DEV_DESCRIPTION "development files for libtavikDDI
 The public C headers for camera-control cores and driver module authors, the
 libtavikDDI.so link, the pkg-config file tavikddi.pc and the CMake package
-TavikDDI.")
+TavikDDI, and tavik-ddi-compliance, which checks a driver module against the
+module contract.")
 set(CPACK_DEBIAN_PROBE_PACKAGE_NAME "tavik-ddi-probe")
 set(CPACK_DEBIAN_PROBE_PACKAGE_SECTION "utils")
 set(CPACK_DEBIAN_PROBE_DESCRIPTION "lists the cameras that libtavikDDI finds

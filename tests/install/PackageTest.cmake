@@ -19,7 +19,8 @@ set(include usr/include/tavik/tavik)
 set(libtavikddi3 "${lib}/libtavikDDI.so.3 -> libtavikDDI.so.3.1.88" "${lib}/libtavikDDI.so.3.1.88")
 set(libtavikddi-dev ${cmake}Config.cmake ${cmake}ConfigVersion.cmake ${cmake}Targets-CONFIG.cmake
   ${cmake}Targets.cmake "${lib}/libtavikDDI.so -> libtavikDDI.so.3" "${lib}/pkgconfig/tavikddi.pc"
-  ${include}.h ${include}_ddi.h ${include}_driver.h ${include}_errors.h ${include}_types.h ${include}_virtual.h)
+  ${include}.h ${include}_ddi.h ${include}_driver.h ${include}_errors.h ${include}_types.h ${include}_virtual.h
+  usr/bin/tavik-ddi-compliance usr/share/man/man1/tavik-ddi-compliance.1.gz)
 set(tavik-ddi-probe usr/bin/tavik-ddi-probe usr/share/man/man1/tavik-ddi-probe.1.gz)
 set(tavik-ddi-emulator "${lib}/tavik/modules/tavik_virtual.x86_64.umd")
 foreach(package libtavikddi3 libtavikddi-dev tavik-ddi-probe tavik-ddi-emulator)
@@ -42,7 +43,7 @@ endforeach()
 set(runtimes "libc6 [^\n]*libstdc\\+\\+6[^\n]*\n")
 set(same "libtavikddi3 \\(= ${VERSION}\\)")
 if(debs OR NOT depends MATCHES
-    "^libtavikddi3: ${runtimes}libtavikddi-dev: ${same}\ntavik-ddi-probe: ${same}, ${runtimes}tavik-ddi-emulator: ${same}, ${runtimes}$")
+    "^libtavikddi3: ${runtimes}libtavikddi-dev: ${same}, ${runtimes}tavik-ddi-probe: ${same}, ${runtimes}tavik-ddi-emulator: ${same}, ${runtimes}$")
   message(FATAL_ERROR "unexpected packages '${debs}' or Depends:\n${depends}")
 endif()
 
@@ -71,6 +72,9 @@ expect_staged_probe("'${root}/${lib}/tavik/modules/tavik_virtual.x86_64.umd' 1")
 # A core built with find_package and one with pkg-config against the unpacked -dev package: both files locate
 # the prefix from their own place, and the loader finds the unpacked library from what the build recorded.
 run_checked("dpkg-deb -x dev" dpkg-deb -x "${WORK_DIR}/libtavikddi-dev_${VERSION}_amd64.deb" "${root}")
+# The -dev package's compliance checker runs from the package on the packaged emulator.
+run_checked("staged compliance checker" "${root}/usr/bin/tavik-ddi-compliance" --only loading
+  "${root}/${lib}/tavik/modules/tavik_virtual.x86_64.umd")
 run_checked("consumer configure" ${CMAKE_COMMAND} -S "${SOURCE_DIR}/consumer" -B "${WORK_DIR}/consumer"
   -G "${GENERATOR}" "-DCMAKE_PREFIX_PATH=${root}/usr" "-DCMAKE_C_COMPILER=${C_COMPILER}")
 run_checked("consumer build" ${CMAKE_COMMAND} --build "${WORK_DIR}/consumer")
