@@ -57,20 +57,14 @@ size_t Count(const std::string& text, const std::string& what) {
 }
 
 // Inits n records, then uninits them, on a thread of its own, whose thread-local state is gone before the unload;
-// between the two, the caller's wait. Returns the seconds that the last uninit took.
-double Cycles(DdiLibrary* lib, int n, const std::function<void()>& between = nullptr) {
-  double last = 0;
+// between the two, the caller's wait.
+void Cycles(DdiLibrary* lib, int n, const std::function<void()>& between = nullptr) {
   std::thread([&] {
     std::vector<Ddi> ddis(static_cast<size_t>(n));
     for (Ddi& ddi : ddis) EXPECT_EQ(lib->init(&ddi), KZ_ERR_NONE);
     if (between) between();
-    for (Ddi& ddi : ddis) {
-      const auto t0 = Clock::now();
-      EXPECT_EQ(lib->uninit(&ddi), KZ_ERR_NONE);
-      last = SecondsSince(t0);
-    }
+    for (Ddi& ddi : ddis) EXPECT_EQ(lib->uninit(&ddi), KZ_ERR_NONE);
   }).join();
-  return last;
 }
 
 // A log collector reading a FIFO, which pauses before it reads, or never reads at all. The pipe is made small, so
@@ -79,7 +73,7 @@ TEST_F(LogFile, AFullPipeIsWaitedForAndAReaderThatNeverReadsDoesNotHoldTheUnload
   for (const bool reads : {true, false}) {
     SCOPED_TRACE(reads ? "a reader that pauses" : "a reader that never reads");
     Fresh();
-    if (!RunInChild([&](ChildContext& ctx) {
+    RunInChild([&](ChildContext& ctx) {
           EnterPrivateDev();
           const std::string fifo = ctx.tmp + "/ddi.fifo", received = ctx.tmp + "/received";
           ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
@@ -109,12 +103,10 @@ TEST_F(LogFile, AFullPipeIsWaitedForAndAReaderThatNeverReadsDoesNotHoldTheUnload
           TAVIK_LOAD(lib);
           // Far more than the pipe holds, far less than the overload threshold; no uninit's flush may run out while the
           // reader pauses.
-          const double uninitSec = Cycles(lib.get(), reads ? 8 : 2, [&] { EXPECT_TRUE(!reads || read(resumed[0], &c, 1) == 1); });
+          Cycles(lib.get(), reads ? 8 : 2, [&] { EXPECT_TRUE(!reads || read(resumed[0], &c, 1) == 1); });
           const auto t0 = Clock::now();
           lib.reset();
-          const double unloadSec = SecondsSince(t0);
-          std::fprintf(stderr, "reader %s: last uninit %.3f s, unload %.3f s\n", reads ? "pauses" : "never reads", uninitSec, unloadSec);
-          EXPECT_LT(unloadSec, reads ? 5 : 10);
+          EXPECT_LT(SecondsSince(t0), reads ? 5 : 10);
           EXPECT_EQ(SettledThreadCount(threads), threads);
           EXPECT_EQ(CountOpenFds(), fds);
           if (!reads) kill(reader, SIGKILL);
@@ -124,13 +116,11 @@ TEST_F(LogFile, AFullPipeIsWaitedForAndAReaderThatNeverReadsDoesNotHoldTheUnload
           const std::string log = ReadFile(received);
           EXPECT_EQ(log.rfind(kHeaderStart, 0), 0u);
           EXPECT_EQ(Count(log, kInitEnter), 8u);
-          EXPECT_EQ(Count(log, "int16 tavik_ddi_init(Ddi*): RETURN"), 8u);
           EXPECT_EQ(Count(log, "int16 tavik_ddi_uninit(Ddi*): RETURN"), 8u);
           EXPECT_EQ(Count(log, "dropped"), 0u) << "no line may be lost to a paused reader";
           for (const std::string& line : Lines(log)) EXPECT_TRUE(IsWholeLine(line)) << line;
           EXPECT_EQ(log.substr(log.size() - 66), "[" + std::string(62, '=') + "]\n\n");
-        }))
-      continue;
+        });
   }
 }
 
