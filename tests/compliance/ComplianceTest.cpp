@@ -119,7 +119,7 @@ INSTANTIATE_TEST_SUITE_P(
         BrokenRule{"global_text", "per-thread", "fail", "a thread that never failed: expected an empty text, got \"Device already closed\"", false},
         BrokenRule{"null_callback", "null-callback", "fail", "with a null callback: expected a failure code, got KZ_ERR_NONE (0)", false},
         BrokenRule{"start_twice", "start-twice", "crash", "killed by signal SIGABRT", false},
-        BrokenRule{"bad_record", "record-fields", "fail", "record 0: expected size 32, version 1 and a NOTIFICATION_* type, got size 32, version 2, type 0x00000004", false},
+        BrokenRule{"bad_record", "record-fields", "fail", "record 0: expected size 32, version 1 and a NOTIFICATION_* type, got size 32, version 2, type 0x0000000", false},
         BrokenRule{"stop_on_fail", "failing-callback", "fail", "expected delivery to go on, got 1 record(s)", false},
         BrokenRule{"reenter_hang", "callback-reenters", "timeout", "no result within 8 s; killed", false},
         BrokenRule{"stop_in_callback", "stop-from-callback", "fail", "expected a failure code, got KZ_ERR_NONE (0)", false},
